@@ -1,0 +1,89 @@
+// The OS boundary for the real system: thin pass-throughs.
+#include "daemon/os.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <net/if.h>
+#include <sched.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/ioctl.h>
+#include <sys/sysinfo.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+extern char **environ;
+
+void os_syslog(int prio, const char *text) { syslog(prio, "%s", text); }
+
+void os_gettimeofday(struct timeval *tv) { gettimeofday(tv, nullptr); }
+
+long os_uptime()
+{
+	struct sysinfo si {};
+	if (sysinfo(&si))
+		return 0;
+	return si.uptime;
+}
+
+const char *os_root() { return ""; }
+
+int os_socket(int domain, int type, int protocol) { return socket(domain, type, protocol); }
+
+int os_setsockopt(int fd, int level, int name, const void *val, socklen_t len)
+{
+	return setsockopt(fd, level, name, val, len);
+}
+
+int os_set_nonblock(int fd) { return fcntl(fd, F_SETFL, O_NONBLOCK); }
+
+int os_bind(int fd, const struct sockaddr *addr, socklen_t len) { return bind(fd, addr, len); }
+
+ssize_t os_sendmsg(int fd, const struct msghdr *msg, int flags) { return sendmsg(fd, msg, flags); }
+
+ssize_t os_recvfrom(int fd, void *buf, size_t len, int flags, struct sockaddr *from, socklen_t *fromlen)
+{
+	return recvfrom(fd, buf, len, flags, from, fromlen);
+}
+
+ssize_t os_recvmsg(int fd, struct msghdr *msg, int flags) { return recvmsg(fd, msg, flags); }
+
+int os_close(int fd) { return close(fd); }
+
+unsigned os_if_nametoindex(const char *name) { return if_nametoindex(name); }
+
+char *os_if_indextoname(unsigned ifindex, char *name) { return if_indextoname(ifindex, name); }
+
+int os_ioctl(int fd, unsigned long request, void *arg) { return ioctl(fd, request, arg); }
+
+int os_spawn(char *const argv[])
+{
+	pid_t pid;
+	int err = posix_spawnp(&pid, argv[0], nullptr, nullptr, argv, environ);
+	if (err) {
+		errno = err;
+		return -1;
+	}
+	int status;
+	while (waitpid(pid, &status, 0) < 0) {
+		if (errno != EINTR)
+			return -1;
+	}
+	if (WIFEXITED(status))
+		return WEXITSTATUS(status);
+	return 256 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+}
+
+FILE *os_popen(const char *command, const char *mode) { return popen(command, mode); }
+
+int os_pclose(FILE *f) { return pclose(f); }
+
+int os_sched_setscheduler(int policy, int priority)
+{
+	struct sched_param sp {};
+	sp.sched_priority = priority;
+	return sched_setscheduler(0, policy, &sp);
+}
+
+int os_kill(pid_t pid, int sig) { return kill(pid, sig); }

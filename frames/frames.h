@@ -1,0 +1,54 @@
+// The protocol's 64-byte frames: wire layout, group addresses, bridge
+// ids, the per-instance templates and the small senders.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+enum zalk_frame_type : uint8_t {
+	ZALK_HELLO = 1,
+	ZALK_LINK_DOWN = 2,
+	ZALK_LINK_UP = 3,
+	ZALK_LINK_RESPONSE = 4,
+	ZALK_FLUSH = 5,
+	ZALK_RING = 6,
+	ZALK_TRIG = 7,
+};
+
+// Offsets in a frame as sent (802.1Q tag present).
+namespace tx_off {
+constexpr size_t DST = 0, SRC = 6, TPID = 12, TCI = 14, LEN = 16, DSAP = 18, SNAP_OUI = 21,
+		 SNAP_PID = 24, MARKER = 26, RING_ID = 27, TYPE = 28, PAYLOAD_LEN = 29, STATUS = 30,
+		 HELLO_INTERVAL = 32, HELLO_SENDER = 34, RING_SENDER = 32, LINK_SENDER = 30,
+		 LINK_ID1 = 38, LINK_ID2 = 46, RESP_SENDER = 32, RESP_EDGE1 = 40, RESP_EDGE2 = 48;
+}
+// Offsets in a frame as received: the kernel has stripped the tag, so
+// every field after the source address lies 4 bytes earlier.
+namespace rx_off {
+constexpr size_t TAG_SHIFT = 4;
+constexpr size_t DST = 0, SRC = 6, TPID = 12, LEN = tx_off::LEN - TAG_SHIFT,
+		 SNAP_OUI = tx_off::SNAP_OUI - TAG_SHIFT, MARKER = tx_off::MARKER - TAG_SHIFT,
+		 RING_ID = tx_off::RING_ID - TAG_SHIFT, TYPE = tx_off::TYPE - TAG_SHIFT,
+		 STATUS = tx_off::STATUS - TAG_SHIFT, HELLO_INTERVAL = tx_off::HELLO_INTERVAL - TAG_SHIFT,
+		 HELLO_SENDER = tx_off::HELLO_SENDER - TAG_SHIFT, LINK_SENDER = tx_off::LINK_SENDER - TAG_SHIFT,
+		 RESP_EDGE1 = tx_off::RESP_EDGE1 - TAG_SHIFT, RESP_EDGE2 = tx_off::RESP_EDGE2 - TAG_SHIFT;
+}
+
+// Codes 1 to 7 in order, then 0; every use reads the code from here.
+extern const uint8_t zalk_frame_types[8];
+
+void zalkv2_group_address(int ring_id, int entry, uint8_t out[6]);
+void zalkv2_own_bridge_id(int ins, uint8_t out[8]);
+void zalkv2_zero_bridge_id(uint8_t out[8]);
+void zalkv2_remote_bridge_id(int ins, int port, uint8_t out[8]);
+
+void zalkv2_build_frames(int ins);
+size_t zalkv2_frame_header(int ins, uint8_t *frame, int entry, const uint8_t tag[4]);
+void zalkv2_link_payload(int ins, uint8_t *frame, uint8_t *payload, uint8_t type);
+int zalkv2_frame_ring_id(const uint8_t *frame);
+
+void zalkv2_send_ring_frame(int ins, int port_index);
+void zalkv2_send_flush(int ins, int which);
+void zalkv2_send_link_response(int ins, int port_index, const uint8_t *edge1, const uint8_t *edge2);
+void zalkv2_send_link_responses(int ins, const uint8_t *edge1, const uint8_t *edge2);
+void zalkv2_flush_other_rings(int ins);

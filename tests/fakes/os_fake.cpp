@@ -1,0 +1,280 @@
+// Fake OS boundary for the unit tests.
+#include "tests/fakes/fake.h"
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <sstream>
+#include <sys/ioctl.h>
+#include <syslog.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include "daemon/os.h"
+
+namespace fake {
+std::vector<LogLine> logs;
+std::vector<Frame> frames;
+std::vector<std::vector<uint8_t>> netlink;
+std::vector<std::string> commands;
+std::vector<std::vector<std::string>> argvs;
+std::vector<Iface> ifaces;
+std::deque<Frame> rx_queue;
+struct timeval now = {1000437, 52301};
+long uptime = 4242;
+int sched_result = 0;
+int sched_errno = 0;
+std::vector<std::pair<int, int>> sched_calls;
+std::vector<std::pair<int, int>> kills;
+std::string runlevel_output = "N 5\n";
+bool rtnl_open_fails = false;
+bool socket_fails = false;
+std::function<int(const nlmsghdr *)> talk_hook;
+std::function<int(const std::vector<std::string> &)> spawn_hook;
+
+static std::string root_dir;
+static int next_fd = 100;
+
+const std::string &root() { return root_dir; }
+
+void clear_records()
+{
+	logs.clear();
+	frames.clear();
+	netlink.clear();
+	commands.clear();
+	argvs.clear();
+	sched_calls.clear();
+	kills.clear();
+}
+
+void reset()
+{
+	namespace fs = std::filesystem;
+	if (root_dir.empty()) {
+		char tmpl[] = "/tmp/zalk-unit-XXXXXX";
+		root_dir = mkdtemp(tmpl);
+		std::atexit([] { std::error_code ec; fs::remove_all(root_dir, ec); });
+	}
+	std::error_code ec;
+	fs::remove_all(root_dir, ec);
+	fs::create_directories(root_dir + "/etc");
+	fs::create_directories(root_dir + "/var/run");
+	fs::create_directories(root_dir + "/tmp");
+	clear_records();
+	ifaces.clear();
+	rx_queue.clear();
+	now = {1000437, 52301};
+	uptime = 4242;
+	sched_result = 0;
+	sched_errno = 0;
+	runlevel_output = "N 5\n";
+	rtnl_open_fails = false;
+	socket_fails = false;
+	talk_hook = nullptr;
+	spawn_hook = nullptr;
+}
+
+void add_iface(const std::string &name, int index, const uint8_t mac[6], bool running)
+{
+	Iface i{name, index, {}, running};
+	memcpy(i.mac, mac, 6);
+	ifaces.push_back(i);
+}
+
+Iface *iface_by_name(const std::string &name)
+{
+	for (auto &i : ifaces)
+		if (i.name == name)
+			return &i;
+	return nullptr;
+}
+
+Iface *iface_by_index(int index)
+{
+	for (auto &i : ifaces)
+		if (i.index == index)
+			return &i;
+	return nullptr;
+}
+
+void write_file(const std::string &path, const std::string &content)
+{
+	std::filesystem::create_directories(std::filesystem::path(root_dir + path).parent_path());
+	std::ofstream(root_dir + path, std::ios::binary | std::ios::trunc) << content;
+}
+
+std::string read_file(const std::string &path)
+{
+	std::ifstream f(root_dir + path, std::ios::binary);
+	std::stringstream ss;
+	ss << f.rdbuf();
+	return ss.str();
+}
+
+bool file_exists(const std::string &path) { return std::filesystem::exists(root_dir + path); }
+
+void set_debug(unsigned level) { write_file("/var/run/zalkv2/debug", std::to_string(level) + "\n"); }
+
+std::vector<std::string> log_texts(int prio)
+{
+	std::vector<std::string> out;
+	for (auto &l : logs)
+		if (l.prio == prio)
+			out.push_back(l.text);
+	return out;
+}
+
+} // namespace fake
+
+using namespace fake;
+
+void os_syslog(int prio, const char *text) { logs.push_back({prio, text}); }
+
+void os_gettimeofday(struct timeval *tv) { *tv = fake::now; }
+
+long os_uptime() { return fake::uptime; }
+
+const char *os_root()
+{
+	if (root_dir.empty())
+		reset();
+	return root_dir.c_str();
+}
+
+int os_socket(int, int, int)
+{
+	if (socket_fails) {
+		errno = EPERM;
+		return -1;
+	}
+	return next_fd++;
+}
+
+int os_setsockopt(int, int, int, const void *, socklen_t) { return 0; }
+
+int os_set_nonblock(int) { return 0; }
+
+int os_bind(int, const struct sockaddr *, socklen_t) { return 0; }
+
+ssize_t os_sendmsg(int, const struct msghdr *msg, int)
+{
+	Frame f;
+	auto *sll = static_cast<const sockaddr_ll *>(msg->msg_name);
+	f.ifindex = sll ? sll->sll_ifindex : -1;
+	size_t total = 0;
+	for (size_t i = 0; i < msg->msg_iovlen; i++) {
+		auto *p = static_cast<const uint8_t *>(msg->msg_iov[i].iov_base);
+		f.bytes.insert(f.bytes.end(), p, p + msg->msg_iov[i].iov_len);
+		total += msg->msg_iov[i].iov_len;
+	}
+	frames.push_back(std::move(f));
+	return (ssize_t)total;
+}
+
+ssize_t os_recvfrom(int, void *buf, size_t len, int, struct sockaddr *from, socklen_t *fromlen)
+{
+	if (rx_queue.empty()) {
+		errno = EAGAIN;
+		return -1;
+	}
+	Frame f = rx_queue.front();
+	rx_queue.pop_front();
+	size_t n = std::min(len, f.bytes.size());
+	memcpy(buf, f.bytes.data(), n);
+	if (from && fromlen && *fromlen >= sizeof(sockaddr_ll)) {
+		sockaddr_ll sll{};
+		sll.sll_family = AF_PACKET;
+		sll.sll_ifindex = f.ifindex;
+		memcpy(from, &sll, sizeof(sll));
+		*fromlen = sizeof(sll);
+	}
+	return (ssize_t)n;
+}
+
+ssize_t os_recvmsg(int, struct msghdr *, int)
+{
+	errno = EAGAIN;
+	return -1;
+}
+
+int os_close(int) { return 0; }
+
+unsigned os_if_nametoindex(const char *name)
+{
+	Iface *i = iface_by_name(name);
+	return i ? (unsigned)i->index : 0;
+}
+
+char *os_if_indextoname(unsigned ifindex, char *name)
+{
+	Iface *i = iface_by_index((int)ifindex);
+	if (!i) {
+		errno = ENXIO;
+		return nullptr;
+	}
+	snprintf(name, IF_NAMESIZE, "%s", i->name.c_str());
+	return name;
+}
+
+int os_ioctl(int, unsigned long request, void *arg)
+{
+	auto *ifr = static_cast<struct ifreq *>(arg);
+	Iface *i = iface_by_name(ifr->ifr_name);
+	if (!i) {
+		errno = ENODEV;
+		return -1;
+	}
+	if (request == SIOCGIFHWADDR) {
+		memcpy(ifr->ifr_hwaddr.sa_data, i->mac, 6);
+		return 0;
+	}
+	if (request == SIOCGIFFLAGS) {
+		ifr->ifr_flags = IFF_UP | (i->running ? IFF_RUNNING : 0);
+		return 0;
+	}
+	errno = EINVAL;
+	return -1;
+}
+
+int os_spawn(char *const argv[])
+{
+	std::vector<std::string> v;
+	std::string joined;
+	for (int i = 0; argv[i]; i++) {
+		v.emplace_back(argv[i]);
+		joined += (i ? " " : "") + v.back();
+	}
+	commands.push_back(joined);
+	argvs.push_back(v);
+	int st = spawn_hook ? spawn_hook(v) : 0;
+	if (st == -1)
+		errno = ENOENT;
+	return st;
+}
+
+FILE *os_popen(const char *, const char *)
+{
+	if (runlevel_output.empty())
+		return nullptr;
+	return fmemopen((void *)runlevel_output.data(), runlevel_output.size(), "r");
+}
+
+int os_pclose(FILE *f) { return fclose(f); }
+
+int os_sched_setscheduler(int policy, int priority)
+{
+	sched_calls.emplace_back(policy, priority);
+	if (sched_result)
+		errno = sched_errno;
+	return sched_result;
+}
+
+int os_kill(pid_t pid, int sig)
+{
+	kills.emplace_back(pid, sig);
+	return kill(pid, 0) == 0 ? 0 : -1; // only whether such a process exists
+}

@@ -1,0 +1,17 @@
+#!/bin/sh
+# Installs every build and test dependency from Debian's packages.
+# Idempotent; run as root on Debian 12.
+set -eu
+PKGS="build-essential cmake pkg-config g++ \
+ libev-dev libconfuse-dev libmnl-dev libite-dev \
+ libgtest-dev libgmock-dev googletest libbenchmark-dev \
+ iproute2 nftables kmod util-linux procps python3 graphviz tcpdump"
+missing=""
+for p in $PKGS; do
+	dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
+done
+if [ -n "$missing" ]; then
+	export DEBIAN_FRONTEND=noninteractive
+	apt-get update -qq
+	apt-get install -y -qq --no-install-recommends $missing
+fi
