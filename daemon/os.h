@@ -37,6 +37,7 @@ int os_socket(int domain, int type, int protocol);
 int os_setsockopt(int fd, int level, int name, const void *val, socklen_t len);
 int os_set_nonblock(int fd); // fcntl(F_SETFL, O_NONBLOCK)
 int os_bind(int fd, const struct sockaddr *addr, socklen_t len);
+int os_getsockname(int fd, struct sockaddr *addr, socklen_t *len);
 ssize_t os_sendmsg(int fd, const struct msghdr *msg, int flags);
 ssize_t os_recvfrom(int fd, void *buf, size_t len, int flags, struct sockaddr *from, socklen_t *fromlen);
 ssize_t os_recvmsg(int fd, struct msghdr *msg, int flags);

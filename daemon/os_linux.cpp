@@ -40,6 +40,8 @@ int os_set_nonblock(int fd) { return fcntl(fd, F_SETFL, O_NONBLOCK); }
 
 int os_bind(int fd, const struct sockaddr *addr, socklen_t len) { return bind(fd, addr, len); }
 
+int os_getsockname(int fd, struct sockaddr *addr, socklen_t *len) { return getsockname(fd, addr, len); }
+
 ssize_t os_sendmsg(int fd, const struct msghdr *msg, int flags) { return sendmsg(fd, msg, flags); }
 
 ssize_t os_recvfrom(int fd, void *buf, size_t len, int flags, struct sockaddr *from, socklen_t *fromlen)

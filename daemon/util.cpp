@@ -47,17 +47,31 @@ char *zalk_path(char *buf, size_t size, const char *fmt, ...)
 int zalk_run_command(const char *text)
 {
 	// Interface names cannot hold blanks, so splitting at blanks gives
-	// back exactly the words the command text was formed from.
+	// back exactly the words the command text was formed from; runs of
+	// blanks (left by empty words) give no empty arguments.
+	constexpr int max_words = 31;
 	char copy[512];
-	char *argv[32];
+	char *argv[max_words + 1];
 	int argc = 0;
-	snprintf(copy, sizeof(copy), "%s", text);
+	// A cut command could do something else than the one asked for:
+	// refuse it rather than run a part of it.
+	if ((size_t)snprintf(copy, sizeof(copy), "%s", text) >= sizeof(copy)) {
+		zlog(LOG_ERR, "Command too long, not run: %.64s...\n", text);
+		return 127;
+	}
 	char *save = nullptr;
-	for (char *w = strtok_r(copy, " ", &save); w && argc < 31; w = strtok_r(nullptr, " ", &save))
+	for (char *w = strtok_r(copy, " ", &save); w; w = strtok_r(nullptr, " ", &save)) {
+		if (argc == max_words) {
+			zlog(LOG_ERR, "Command has too many words, not run: %s\n", text);
+			return 127;
+		}
 		argv[argc++] = w;
+	}
 	argv[argc] = nullptr;
 	if (!argc)
 		return 127;
+	// Told apart from the tool's own failure by this line: the tool never
+	// ran, so there is no status of its own to report.
 	int st = os_spawn(argv);
 	if (st < 0) {
 		zlog(LOG_ERR, "Could not start command %s: %s\n", text, strerror(errno));

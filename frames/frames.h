@@ -28,7 +28,7 @@ namespace rx_off {
 constexpr size_t TAG_SHIFT = 4;
 constexpr size_t DST = 0, SRC = 6, TPID = 12, LEN = tx_off::LEN - TAG_SHIFT,
 		 SNAP_OUI = tx_off::SNAP_OUI - TAG_SHIFT, MARKER = tx_off::MARKER - TAG_SHIFT,
-		 RING_ID = tx_off::RING_ID - TAG_SHIFT, TYPE = tx_off::TYPE - TAG_SHIFT,
+		 SNAP_PID = tx_off::SNAP_PID - TAG_SHIFT, RING_ID = tx_off::RING_ID - TAG_SHIFT, TYPE = tx_off::TYPE - TAG_SHIFT,
 		 STATUS = tx_off::STATUS - TAG_SHIFT, HELLO_INTERVAL = tx_off::HELLO_INTERVAL - TAG_SHIFT,
 		 HELLO_SENDER = tx_off::HELLO_SENDER - TAG_SHIFT, LINK_SENDER = tx_off::LINK_SENDER - TAG_SHIFT,
 		 RESP_EDGE1 = tx_off::RESP_EDGE1 - TAG_SHIFT, RESP_EDGE2 = tx_off::RESP_EDGE2 - TAG_SHIFT;
@@ -45,6 +45,9 @@ void zalkv2_remote_bridge_id(int ins, int port, uint8_t out[8]);
 void zalkv2_build_frames(int ins);
 size_t zalkv2_frame_header(int ins, uint8_t *frame, int entry, const uint8_t tag[4]);
 void zalkv2_link_payload(int ins, uint8_t *frame, uint8_t *payload, uint8_t type);
+// Header check of a received frame: marker, SNAP OUI and protocol id.
+bool zalkv2_frame_header_ok(const uint8_t *frame);
+// The ring id byte of a received frame, or 255 when its header is wrong.
 int zalkv2_frame_ring_id(const uint8_t *frame);
 
 void zalkv2_send_ring_frame(int ins, int port_index);

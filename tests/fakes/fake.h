@@ -49,6 +49,15 @@ extern std::vector<std::pair<int, int>> sched_calls; // policy, priority
 extern std::vector<std::pair<int, int>> kills;       // pid, signal
 extern std::string runlevel_output;                  // what "runlevel" prints; empty: popen fails
 extern bool rtnl_open_fails;
+// What os_recvmsg hands out, one entry per call: a datagram, or with
+// err set a failure with that errno (bytes ignored); an entry with no
+// bytes and err 0 is end of file. An empty queue answers EAGAIN.
+struct RecvMsg {
+	std::vector<uint8_t> bytes;
+	int err;
+};
+extern std::deque<RecvMsg> recvmsg_queue;
+extern int recvmsg_calls;                          // os_recvmsg calls so far
 extern bool socket_fails;
 
 // Answer of rtnl_talk for a request (default: 0 for every request).

@@ -31,6 +31,8 @@ std::vector<std::pair<int, int>> sched_calls;
 std::vector<std::pair<int, int>> kills;
 std::string runlevel_output = "N 5\n";
 bool rtnl_open_fails = false;
+std::deque<RecvMsg> recvmsg_queue;
+int recvmsg_calls = 0;
 bool socket_fails = false;
 std::function<int(const nlmsghdr *)> talk_hook;
 std::function<int(const std::vector<std::string> &)> spawn_hook;
@@ -73,6 +75,8 @@ void reset()
 	sched_errno = 0;
 	runlevel_output = "N 5\n";
 	rtnl_open_fails = false;
+	recvmsg_queue.clear();
+	recvmsg_calls = 0;
 	socket_fails = false;
 	talk_hook = nullptr;
 	spawn_hook = nullptr;
@@ -160,6 +164,8 @@ int os_set_nonblock(int) { return 0; }
 
 int os_bind(int, const struct sockaddr *, socklen_t) { return 0; }
 
+int os_getsockname(int, struct sockaddr *, socklen_t *) { return 0; }
+
 ssize_t os_sendmsg(int, const struct msghdr *msg, int)
 {
 	Frame f;
@@ -195,10 +201,25 @@ ssize_t os_recvfrom(int, void *buf, size_t len, int, struct sockaddr *from, sock
 	return (ssize_t)n;
 }
 
-ssize_t os_recvmsg(int, struct msghdr *, int)
+ssize_t os_recvmsg(int, struct msghdr *msg, int)
 {
-	errno = EAGAIN;
-	return -1;
+	recvmsg_calls++;
+	if (recvmsg_queue.empty()) {
+		errno = EAGAIN;
+		return -1;
+	}
+	RecvMsg m = recvmsg_queue.front();
+	recvmsg_queue.pop_front();
+	if (m.err) {
+		errno = m.err;
+		return -1;
+	}
+	size_t room = msg->msg_iovlen ? msg->msg_iov[0].iov_len : 0;
+	size_t n = std::min(room, m.bytes.size());
+	if (n)
+		memcpy(msg->msg_iov[0].iov_base, m.bytes.data(), n);
+	msg->msg_flags = n < m.bytes.size() ? MSG_TRUNC : 0;
+	return (ssize_t)n;
 }
 
 int os_close(int) { return 0; }

@@ -1,0 +1,259 @@
+// Ingress drop filters on the ring ports and the list that hands out
+// their tc priorities.
+//
+// Every per-ring filter gets a priority of its own, shared across all
+// ports, so that it can be deleted again with exactly that number. The
+// list is sorted by priority; its entries come from a fixed table sized
+// for the worst case the daemon can reach, never from the heap.
+#include "bridge/filters.h"
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <net/if.h>
+
+#include "daemon/configure.h"
+#include "daemon/instance.h"
+#include "daemon/os.h"
+#include "daemon/util.h"
+#include "status/status.h"
+
+namespace {
+
+constexpr int TC_MAX_RING_ID = 20;
+// Per ring port: three own group addresses on a focal point, and two
+// addresses for every other ring id.
+constexpr int TC_ENTRIES_PER_PORT = 3 + 2 * TC_MAX_RING_ID;
+constexpr int TC_POOL_SIZE = ZALK_MAX_INSTANCES * 2 * TC_ENTRIES_PER_PORT;
+constexpr size_t TC_MAC_CMP_LEN = 20;
+
+std::array<tc_entry, TC_POOL_SIZE> pool;
+tc_entry head;            // prio TC_PRIO_BASE; real entries follow it
+tc_entry *free_entries;   // unused pool entries, linked through next
+bool list_created;
+
+tc_entry *entry_take()
+{
+	tc_entry *e = free_entries;
+	if (e)
+		free_entries = e->next;
+	return e;
+}
+
+void entry_give_back(tc_entry *e)
+{
+	memset(e, 0, sizeof(*e));
+	e->next = free_entries;
+	free_entries = e;
+}
+
+// Group address k of a ring: 03:4b:a1:01:<ring id>:0k.
+void ring_group_address(int ring_id, int k, uint8_t out[6])
+{
+	const uint8_t addr[6] = {0x03, 0x4b, 0xa1, 0x01, (uint8_t)(ring_id & 0xff), (uint8_t)k};
+	memcpy(out, addr, 6);
+}
+
+} // namespace
+
+void tc_list_create()
+{
+	memset(&head, 0, sizeof(head));
+	head.cls = TC_LOW_PRIO;
+	head.prio = TC_PRIO_BASE;
+	free_entries = nullptr;
+	for (int i = TC_POOL_SIZE - 1; i >= 0; i--)
+		entry_give_back(&pool[i]);
+	list_created = true;
+}
+
+tc_entry *tc_entry_find(uint32_t cls, uint32_t id, uint32_t ifindex, const char *mac)
+{
+	if (!list_created)
+		return nullptr;
+	for (tc_entry *e = head.next; e; e = e->next)
+		if (e->cls == cls && e->id == id && e->ifindex == ifindex &&
+		    !strncmp(e->mac, mac, TC_MAC_CMP_LEN))
+			return e;
+	return nullptr;
+}
+
+int tc_entry_add(uint32_t cls, uint32_t id, uint32_t ifindex, const char *mac)
+{
+	if (!list_created) {
+		zlog(LOG_ERR, "Could not add entry prio %d id %d ifdx:%d %s\n\n", cls, id, ifindex, mac);
+		return -1;
+	}
+	if (tc_entry_find(cls, id, ifindex, mac)) {
+		zlog(LOG_ERR, "ADD: Entry exists prio %d id %d ifdx:%d %s\n\n", cls, id, ifindex, mac);
+		return -1;
+	}
+	tc_entry *e = entry_take();
+	if (!e) {
+		zlog(LOG_ERR, "Filter table full (%d entries), cannot add prio %d id %d ifdx:%d %s\n\n",
+		     TC_POOL_SIZE, cls, id, ifindex, mac);
+		return -1;
+	}
+
+	// The lowest number above the base that no entry holds: walk while
+	// the next entry has exactly the candidate.
+	int32_t prio = TC_PRIO_BASE;
+	tc_entry *pos = &head;
+	for (;;) {
+		prio++;
+		if (!pos->next || pos->next->prio > prio)
+			break;
+		pos = pos->next;
+	}
+
+	e->cls = cls;
+	e->id = id;
+	e->ifindex = ifindex;
+	snprintf(e->mac, sizeof(e->mac), "%s", mac);
+	e->prio = prio;
+	e->prev = pos;
+	e->next = pos->next;
+	if (pos->next)
+		pos->next->prev = e;
+	pos->next = e;
+	return prio;
+}
+
+int tc_entry_del(uint32_t cls, uint32_t id, uint32_t ifindex, const char *mac)
+{
+	tc_entry *e = tc_entry_find(cls, id, ifindex, mac);
+	if (!e) {
+		zlog(LOG_ERR, "DEL: Entry do not exists prio %d id %d ifx %d %s\n\n", cls, id, ifindex, mac);
+		return -1;
+	}
+	int32_t prio = e->prio;
+	e->prev->next = e->next;
+	if (e->next)
+		e->next->prev = e->prev;
+	entry_give_back(e);
+	return prio;
+}
+
+int zalkv2_tc_write_filter(const char *dev, const char *action, const char *proto, int prio,
+			   const char *flags, const char *mac, const char *vlan)
+{
+	// Empty flags or VLAN texts leave their blanks in the text; the
+	// command runner splits at blanks, so no empty argument reaches tc.
+	char cmd[256];
+	snprintf(cmd, sizeof(cmd), "tc filter %s dev %s ingress protocol %s prio %d flower %s dst_mac %s %s action drop",
+		 action, dev, proto, prio, flags, mac, vlan);
+	if (zalk_debug(ZALK_DBG))
+		zlog(LOG_NOTICE, "%s() - %s\n\n", "zalkv2_tc_write_filter", cmd);
+	if (zalk_run_command(cmd)) {
+		zlog(LOG_ERR, "System fail %s port %s mac %s loc %d\n\n", action, dev, mac, prio);
+		return 1;
+	}
+	return 0;
+}
+
+int zalkv2_tc_mac_filter(uint32_t id, int ifindex, const char *proto, const uint8_t mac[6], int add,
+			 int skip_hw, int vid)
+{
+	if (ifindex == -1)
+		return 0;
+
+	char text[20];
+	snprintf(text, sizeof(text), "%.2x:%.2x:%.2x:%.2x:%.2x:%.2x", mac[0], mac[1], mac[2], mac[3], mac[4],
+		 mac[5]);
+	const char *action = add ? "add" : "del";
+	int prio = add ? tc_entry_add(TC_LOW_PRIO, id, (uint32_t)ifindex, text)
+		       : tc_entry_del(TC_LOW_PRIO, id, (uint32_t)ifindex, text);
+	if (prio < 0) {
+		zlog(LOG_ERR, "Fail alloc prio TC_LOW_PRIO %s ifx %d mac %s loc %d\n\n", action, ifindex, text, prio);
+		return 1;
+	}
+
+	// A port that vanished has no name to give tc; an empty device would
+	// shift every later word of the command.
+	char dev[IF_NAMESIZE];
+	if (!os_if_indextoname((unsigned)ifindex, dev)) {
+		zlog(LOG_ERR, "No interface ifx %d for filter %s mac %s loc %d\n\n", ifindex, action, text, prio);
+		return 1;
+	}
+
+	char vlan[16] = "";
+	if (vid)
+		snprintf(vlan, sizeof(vlan), "vlan_id %d", vid);
+	return zalkv2_tc_write_filter(dev, action, proto, prio, skip_hw ? "skip_hw" : "", text, vlan);
+}
+
+int zalkv2_block_ring_macs(int ins, int ifindex, int add)
+{
+	if (ifindex == -1)
+		return 0;
+	const zalkv2_instance &in = instances[ins];
+	uint8_t mac[6];
+
+	ring_group_address(in.ring_id, 1, mac);
+	int ret = zalkv2_tc_mac_filter(1, ifindex, "all", mac, add, 1, 0);
+	if (in.role != RING_TYPE_FOCAL)
+		return ret;
+	for (int k = 2; k <= 3; k++) {
+		ring_group_address(in.ring_id, k, mac);
+		ret += zalkv2_tc_mac_filter(1, ifindex, "all", mac, add, 1, 0);
+	}
+	return ret;
+}
+
+void zalkv2_block_foreign_ring(int ring_id, int add)
+{
+	uint8_t g1[6], g2[6];
+	ring_group_address(ring_id, 1, g1);
+	ring_group_address(ring_id, 2, g2);
+
+	int ret = 0;
+	for (const zalkv2_instance &in : instances) {
+		if (!in.enabled)
+			continue;
+		for (const zalkv2_port &port : in.port) {
+			if (!zalkv2_port_configured(port))
+				continue;
+			ret += zalkv2_tc_mac_filter(2, port.ifindex, "802.1Q", g1, add, 0, ZALK_MGNT_VLAN);
+			ret += zalkv2_tc_mac_filter(2, port.ifindex, "802.1Q", g2, add, 0, ZALK_MGNT_VLAN);
+		}
+	}
+	if (ret)
+		zlog(LOG_ERR, "Could not block mac addresses for unconfigured ring id\n\n");
+}
+
+void zalkv2_block_unconfigured_rings(int add)
+{
+	for (int ring_id = 1; ring_id <= TC_MAX_RING_ID; ring_id++)
+		if (zalkv2_find_instance(ring_id) == -1)
+			zalkv2_block_foreign_ring(ring_id, add);
+}
+
+void zalkv2_block_v0_macs(int add)
+{
+	struct v0_filter {
+		int prio;
+		const char *mac;
+	};
+	static constexpr v0_filter v0_filters[] = {
+		{300, "01:00:5e:05:0a:02"},
+		{301, "01:00:5e:05:0a:09"},
+		{302, "01:00:5e:05:0a:0a"},
+	};
+
+	int ret = 0;
+	for (const zalkv2_instance &in : instances) {
+		if (!in.enabled)
+			continue;
+		for (const zalkv2_port &port : in.port) {
+			if (!zalkv2_port_configured(port))
+				continue;
+			char dev[sizeof(port.name) + 1];
+			snprintf(dev, sizeof(dev), "%.*s", (int)sizeof(port.name), port.name);
+			for (const v0_filter &f : v0_filters)
+				ret += zalkv2_tc_write_filter(dev, add ? "add" : "del", "802.1Q", f.prio, "", f.mac,
+							      "vlan_id 4021");
+		}
+	}
+	if (ret)
+		zlog(LOG_ERR, "Block zalkv0 macs failed\n\n");
+}

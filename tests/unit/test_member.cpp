@@ -1,0 +1,193 @@
+// The member's life: links coming up one after the other, the
+// announcement of a returning link, the answer or the forward delay, and
+// the Link Down reports.
+#include "tests/unit/ring_fixture.h"
+
+using namespace ringtest;
+
+namespace {
+
+class Member : public Ring {
+protected:
+	void SetUp() override
+	{
+		Ring::SetUp();
+		make_ring(0, RING_TYPE_MEMBER);
+		const uint8_t a_remote[8] = {0, 0, 0x02, 0xbb, 0, 0, 0, 0x0a};
+		const uint8_t b_remote[8] = {0, 0, 0x02, 0xbb, 0, 0, 0, 0x0b};
+		memcpy(instances[0].port[PORT_A].remote_bridge_id, a_remote, 8);
+		memcpy(instances[0].port[PORT_B].remote_bridge_id, b_remote, 8);
+		member_config_ring_topology(0, DOWN_NET_MEMBER, 0); // as configuration does
+		clear();
+	}
+	// Port A up, then port B up: the announcement for port B is running.
+	void announce_port_b()
+	{
+		event(0, LINKA0_1);
+		event(0, LINKB0_1);
+		ASSERT_EQ(instances[0].sending_link_up, 1u);
+		clear();
+	}
+};
+
+TEST_F(Member, LinksComeUpAnnouncementRunsAnswerOpensBothPorts)
+{
+	event(0, LINKA0_1);
+	EXPECT_EQ(state_file(), "Broken");
+	EXPECT_EQ(bridge(), "12=BLOCKING 11=FORWARDING 11:flush 12:flush");
+	EXPECT_EQ(sent(), "");
+
+	clear();
+	event(0, LINKB0_1);
+	EXPECT_EQ(sent(), "Link Up@11 Link Up@12");
+	EXPECT_EQ(bridge(), ""); // port B stays blocked
+	EXPECT_EQ(instances[0].port[PORT_B].state, (uint32_t)PORT_BLOCKING);
+	EXPECT_EQ(state_file(), "Broken");
+	EXPECT_TRUE(ev_is_active(&member_timer));
+	for (auto &f : fake::frames) {
+		EXPECT_EQ(bytes(f.bytes, 38, 8), "0000000000000000");
+		EXPECT_EQ(bytes(f.bytes, 46, 8), "000002bb0000000b"); // behind the blocked port B
+	}
+
+	for (int t = 1; t <= 3; t++) {
+		clear();
+		member_tick();
+		EXPECT_EQ(sent(), "Link Up@11 Link Up@12");
+		EXPECT_EQ(bridge(), "");
+		EXPECT_EQ(instances[0].fwd_cnt, t);
+	}
+
+	clear();
+	event(0, RX_LINK_RESPONSE);
+	EXPECT_EQ(state_file(), "Ok");
+	EXPECT_EQ(bridge(), "12=FORWARDING 11=FORWARDING 11:flush 12:flush");
+	EXPECT_EQ(instances[0].sending_link_up, 0u);
+
+	clear();
+	member_tick();
+	EXPECT_EQ(sent(), "");
+	EXPECT_FALSE(ev_is_active(&member_timer));
+}
+
+TEST_F(Member, ReturningPortANamesItsOwnNeighbour)
+{
+	event(0, LINKB0_1);
+	EXPECT_EQ(bridge(), "11=BLOCKING 12=FORWARDING 11:flush 12:flush");
+	clear();
+	event(0, LINKA0_1);
+	ASSERT_EQ(sent(), "Link Up@11 Link Up@12");
+	EXPECT_EQ(bytes(fake::frames[0].bytes, 46, 8), "000002bb0000000a");
+	EXPECT_EQ(instances[0].port[PORT_A].state, (uint32_t)PORT_BLOCKING);
+}
+
+TEST_F(Member, ForwardDelayExpiresAtTheDPlus1thTick)
+{
+	instances[0].port[PORT_A].fwd_delay = 5;
+	announce_port_b();
+	fake::set_debug(ZALK_STATE);
+	for (int t = 1; t <= 5; t++) {
+		member_tick();
+		ASSERT_FALSE(pending()) << "tick " << t;
+	}
+	member_tick();
+	EXPECT_TRUE(has(notices(), "check_fwd_delay_expired() - check_fwd_delay_expired - Ins 0 Counter expired, set port to FWD\n"));
+	EXPECT_EQ(instances[0].fwd_cnt, 0);
+	EXPECT_TRUE(ev_is_active(&member_timer)); // still announcing until dispatched
+	EXPECT_EQ(dispatch(), 1);
+	EXPECT_EQ(state_file(), "Ok");
+
+	clear();
+	member_tick();
+	EXPECT_EQ(sent(), "");
+	EXPECT_FALSE(ev_is_active(&member_timer));
+}
+
+TEST_F(Member, ZeroForwardDelayWaitsForTheFocalPoint)
+{
+	announce_port_b();
+	for (int t = 0; t < 50; t++)
+		member_tick();
+	EXPECT_FALSE(pending());
+	EXPECT_EQ(count_of(sent(), "Link Up@11 Link Up@12"), 50u);
+	EXPECT_EQ(bridge(), "");
+}
+
+TEST_F(Member, LinkDownDuringAnnouncementStopsIt)
+{
+	announce_port_b();
+	member_tick();
+	member_tick();
+	clear();
+	event(0, LINKA1_0);
+	EXPECT_EQ(sent(), "Link Down@12");
+	EXPECT_EQ(bridge(), "11=BLOCKING 12=FORWARDING 11:flush 12:flush");
+	EXPECT_EQ(instances[0].sending_link_up, 0u);
+	EXPECT_EQ(instances[0].fwd_cnt, 0);
+
+	clear();
+	member_tick();
+	EXPECT_EQ(sent(), "");
+	EXPECT_FALSE(ev_is_active(&member_timer));
+}
+
+TEST_F(Member, SecondLinkUpDuringAnnouncementNeitherRestartsNorResets)
+{
+	announce_port_b();
+	member_tick();
+	member_tick();
+	member_local_link_up(loop, 0, PORT_B);
+	EXPECT_EQ(instances[0].fwd_cnt, 2);
+	EXPECT_EQ(sent(), "Link Up@11 Link Up@12 Link Up@11 Link Up@12");
+}
+
+TEST_F(Member, TrigAndRingResponseAreAnsweredWithLinkDownPerDownLink)
+{
+	event(0, FOCAL_TRIG); // both down
+	EXPECT_EQ(sent(), "Link Down@12 Link Down@11");
+
+	event(0, LINKB0_1);
+	clear();
+	event(0, FOCAL_TRIG); // port A down: reported towards port B
+	EXPECT_EQ(sent(), "Link Down@12");
+
+	clear();
+	event(0, RX_LINK_RESPONSE_RING);
+	EXPECT_EQ(sent(), "Link Down@12");
+	EXPECT_EQ(bridge(), ""); // already BROKEN_NET_MEMBER, not forced
+	EXPECT_EQ(state_file(), "Broken");
+
+	event(0, LINKB1_0);
+	event(0, LINKA0_1);
+	clear();
+	event(0, FOCAL_TRIG); // port B down: reported towards port A
+	EXPECT_EQ(sent(), "Link Down@11");
+}
+
+TEST_F(Member, BusEdgeAnnouncesItsOnlyPortAndOpensItOnTheAnswer)
+{
+	make_ring(1, RING_TYPE_MEMBER, false, 4);
+	member_config_ring_topology(1, DOWN_NET_MEMBER, 0);
+	clear();
+	event(1, LINKA0_1);
+	EXPECT_EQ(sent(), "Link Up@21");
+	EXPECT_EQ(bridge(), "");
+	clear();
+	event(1, FOCAL_TRIG);
+	EXPECT_EQ(sent(), "");
+	event(1, RX_LINK_RESPONSE);
+	EXPECT_EQ(bridge(), "21=FORWARDING 21:flush");
+	EXPECT_EQ(state_file(4), "Ok");
+}
+
+TEST_F(Member, LinkUpFrameIsAnsweredOnlyByAnEdge)
+{
+	event(0, LINKA0_1); // port B down: an edge for port A
+	clear();
+	event(0, RX_LINKB_1, link_up_payload(0x07));
+	EXPECT_EQ(sent(), "");
+	event(0, RX_LINKA_1, link_up_payload(0x07));
+	ASSERT_EQ(sent(), "Link Response@11");
+	EXPECT_EQ(bytes(fake::frames[0].bytes, 40, 8), "000002aa00000007");
+}
+
+} // namespace
