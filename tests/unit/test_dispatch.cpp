@@ -1,35 +1,35 @@
 // The dispatcher's checks, refusals, traces and event-log pairing, and
 // the local link events and edge bookkeeping it drives.
-#include "tests/unit/ring_fixture.h"
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-using namespace ringtest;
+#include "tests/fakes/fixture.h"
+
+using namespace fx;
 
 namespace {
 
-class Dispatch : public Ring {
-protected:
-	// The channel refuses to post what the dispatcher must still check,
-	// so such records are written straight into the pipe's write end.
-	void write_raw(uint32_t ins, uint32_t ev)
-	{
-		struct stat rd;
-		ASSERT_EQ(fstat(sm_watcher.fd, &rd), 0);
-		DIR *d = opendir("/proc/self/fd");
-		ASSERT_NE(d, nullptr);
-		int wfd = -1;
-		while (dirent *e = readdir(d)) {
-			int fd = atoi(e->d_name);
-			struct stat st;
-			if (fd != sm_watcher.fd && fd > 2 && fstat(fd, &st) == 0 && st.st_ino == rd.st_ino &&
-			    (fcntl(fd, F_GETFL) & O_ACCMODE) == O_WRONLY)
-				wfd = fd;
-		}
-		closedir(d);
-		ASSERT_NE(wfd, -1);
-		sm_event rec{ins, ev, {}};
-		ASSERT_EQ(write(wfd, &rec, sizeof(rec)), (ssize_t)sizeof(rec));
+using Dispatch = Unit;
+
+// The channel refuses what the dispatcher must still check, so such
+// records go straight into the pipe's write end.
+void write_raw(uint32_t ins, uint32_t ev)
+{
+	struct stat rd, st;
+	ASSERT_EQ(fstat(sm_watcher.fd, &rd), 0);
+	DIR *d = opendir("/proc/self/fd");
+	int wfd = -1;
+	while (dirent *e = readdir(d)) {
+		int fd = atoi(e->d_name);
+		if (fd > 2 && fstat(fd, &st) == 0 && st.st_ino == rd.st_ino && (fcntl(fd, F_GETFL) & O_ACCMODE) == O_WRONLY)
+			wfd = fd;
 	}
-};
+	closedir(d);
+	sm_event rec{ins, ev, {}};
+	ASSERT_EQ(write(wfd, &rec, sizeof(rec)), (ssize_t)sizeof(rec));
+}
 
 TEST_F(Dispatch, InvalidRecordsAreReportedAndTheNextOneIsHandled)
 {
@@ -39,16 +39,14 @@ TEST_F(Dispatch, InvalidRecordsAreReportedAndTheNextOneIsHandled)
 	write_raw(0, 15);
 	post(0, FLUSH_FDB);
 	EXPECT_EQ(dispatch(), 4);
-	EXPECT_EQ(errors(), (std::vector<std::string>{"Instance 12 is to large, max is 10\n",
-						     "ZALK instance 5 do not exists\n", "Invalid event 15 received!\n"}));
+	EXPECT_EQ(errors(), (Lines{"Instance 12 is to large, max is 10\n", "ZALK instance 5 do not exists\n", "Invalid event 15 received!\n"}));
 	EXPECT_EQ(bridge(), "11:flush 12:flush");
-	EXPECT_TRUE(ev_is_active(&sm_watcher));
 }
 
-TEST_F(Dispatch, RefusalsAndSilentAnswersByRole)
+TEST_F(Dispatch, RefusalsByRoleAndEventLogPairing)
 {
 	make_ring(0, RING_TYPE_MEMBER);
-	make_ring(1, RING_TYPE_FOCAL, true, 4);
+	make_ring(1, RING_TYPE_FOCAL, 4);
 	links(0, 1, 1);
 	links(1, 1, 1);
 	fake::set_debug(ZALK_EVENTLOG);
@@ -56,84 +54,62 @@ TEST_F(Dispatch, RefusalsAndSilentAnswersByRole)
 		post(0, ev);
 	post(1, FOCAL_TRIG);
 	dispatch();
-	EXPECT_EQ(errors(), (std::vector<std::string>{"Enter RX_TIMEOUT but is RING_TYPE_MEMBER\n",
-						     "Enter RX_PACKET_BUS but is RING_TYPE_MEMBER\n",
-						     "Enter RX_PCK but is RING_TYPE_MEMBER\n",
-						     "Enter FOCAL_TRIG but is RING_TYPE_FOCAL\n"}));
+	EXPECT_EQ(errors(), (Lines{"Enter RX_TIMEOUT but is RING_TYPE_MEMBER\n", "Enter RX_PACKET_BUS but is RING_TYPE_MEMBER\n",
+				   "Enter RX_PCK but is RING_TYPE_MEMBER\n", "Enter FOCAL_TRIG but is RING_TYPE_FOCAL\n"}));
 	EXPECT_EQ(count_of(event_log(), "Enter"), 4u);
 	EXPECT_EQ(count_of(event_log(), "Leaving\n"), 4u);
-	EXPECT_EQ(sent(), "");
-	EXPECT_EQ(bridge(), "");
+	EXPECT_EQ(sent() + bridge(), "");
 
 	// A focal point's own kind of answer means nothing to it: no line at all.
 	clear();
 	event(1, RX_LINK_RESPONSE);
 	event(1, RX_LINK_RESPONSE_RING);
 	EXPECT_TRUE(fake::logs.empty());
-	EXPECT_EQ(sent(), "");
-	EXPECT_EQ(bridge(), "");
-}
+	EXPECT_EQ(sent() + bridge(), "");
 
-TEST_F(Dispatch, TimingLineAndEventLogPairing)
-{
-	make_ring(0, RING_TYPE_FOCAL);
 	fake::set_debug(ZALK_STATE | ZALK_EVENTLOG);
-	event(0, RX_PCK);
-	event(0, RX_TIMEOUT);
-	clear();
-	event(0, FLUSH_FDB);
-	EXPECT_EQ(notices(), std::vector<std::string>{"sm_cb() - I:0 Ev:FLUSH_FDB time: 437.052 s\n"});
+	event(1, FLUSH_FDB);
+	EXPECT_EQ(notices(), Lines{"sm_cb() - I:1 Ev:FLUSH_FDB time: 437.052 s\n"});
 	std::string log = event_log();
-	EXPECT_EQ(log.substr(log.find("437.052 sm_cb() - I:0 Enter FLUSH_FDB")),
-		  "437.052 sm_cb() - I:0 Enter FLUSH_FDB\n437.052 sm_cb() - Leaving\n");
-	EXPECT_EQ(count_of(log, " Enter "), 3u);
-	EXPECT_EQ(count_of(log, "sm_cb() - Leaving"), 3u);
+	EXPECT_EQ(log.substr(log.find("437.052 sm_cb() - I:1 Enter FLUSH_FDB")), "437.052 sm_cb() - I:1 Enter FLUSH_FDB\n437.052 sm_cb() - Leaving\n");
 }
 
-TEST_F(Dispatch, LinkDownFrameAtFocalPointWithoutLinksGoesDown)
+TEST_F(Dispatch, LinkDownFramesAndFlush)
 {
 	make_ring(0, RING_TYPE_FOCAL);
-	make_ring(1, RING_TYPE_MEMBER, true, 4);
+	make_ring(1, RING_TYPE_MEMBER, 4);
+	// A focal point without links goes down; Flush out of port B, then the other rings'.
 	instances[0].link_up_pending = 1;
 	event(0, RX_LINKA_0);
 	EXPECT_EQ(instances[0].ring_state, (uint32_t)DOWN_NET_FOCAL);
 	EXPECT_EQ(instances[0].link_up_pending, 0u);
-	// Flush out of port B, then the other rings' Flush frames.
 	EXPECT_EQ(sent(), "Flush@12 Flush@21 Flush@22");
-}
-
-TEST_F(Dispatch, MemberFlushesOnLinkDownFrameAndFlushFrame)
-{
-	make_ring(0, RING_TYPE_MEMBER);
-	make_ring(1, RING_TYPE_MEMBER, true, 4);
-	event(0, RX_LINKB_0);
-	EXPECT_EQ(bridge(), "11:flush 12:flush");
-	EXPECT_EQ(sent(), "Flush@21 Flush@22");
+	// A member flushes on a Link Down frame (telling the other rings) and on a Flush frame.
 	clear();
-	event(0, FLUSH_FDB);
-	EXPECT_EQ(bridge(), "11:flush 12:flush");
-	EXPECT_EQ(sent(), "");
+	event(1, RX_LINKB_0);
+	EXPECT_EQ(bridge(), "21:flush 22:flush");
+	EXPECT_EQ(sent(), "Flush@11 Flush@12");
+	clear();
+	event(1, FLUSH_FDB);
+	EXPECT_EQ(bridge() + "/" + sent(), "21:flush 22:flush/");
 }
 
 TEST_F(Dispatch, LocalLinkDownByRole)
 {
 	make_ring(0, RING_TYPE_MEMBER);
-	make_ring(1, RING_TYPE_FOCAL, false, 4);
+	make_ring(1, RING_TYPE_FOCAL, 4, false);
 	fake::set_debug(ZALK_TRACE);
-
 	// Member with only port B up loses it while already DOWN: nothing is
 	// applied, yet the Link Down frame still leaves by port A.
 	links(0, 0, 1);
 	instances[0].ring_state = DOWN_NET_MEMBER;
 	event(0, LINKB1_0);
 	EXPECT_EQ(bridge(), "");
-	EXPECT_EQ(sent(), "Link Down@11 Flush@21"); // then the other rings' Flush
-
+	EXPECT_EQ(sent(), "Link Down@11 Flush@21");
 	clear();
 	event(0, LINKB1_0);
 	EXPECT_TRUE(has(notices(), "local_link_down() - Port already down state: Down\n"));
 	EXPECT_EQ(sent(), "");
-
 	// Both up, BROKEN already: losing port A is applied anyway (forced).
 	links(0, 1, 1);
 	instances[0].ring_state = BROKEN_NET_MEMBER;
@@ -141,17 +117,16 @@ TEST_F(Dispatch, LocalLinkDownByRole)
 	event(0, LINKA1_0);
 	EXPECT_EQ(bridge(), "11=BLOCKING 12=FORWARDING 11:flush 12:flush");
 	EXPECT_EQ(sent(), "Link Down@12 Flush@21");
-
-	// A bus-edge focal point losing its only port goes down.
+	// A bus-edge focal point losing its only port goes down; it sends no Link Down.
 	links(1, 1, 0);
 	clear();
 	event(1, LINKA1_0);
 	EXPECT_EQ(instances[1].ring_state, (uint32_t)DOWN_NET_FOCAL);
 	EXPECT_EQ(bridge(), "21=BLOCKING 21:flush");
-	EXPECT_EQ(sent(), "Flush@11 Flush@12"); // no Link Down from a focal point
+	EXPECT_EQ(sent(), "Flush@11 Flush@12");
 }
 
-TEST_F(Dispatch, FocalLinkUpOnlyOpensTheHold)
+TEST_F(Dispatch, FocalLinkUpOnlyOpensTheHoldAndEdgeIdsKeepTheLatestTwo)
 {
 	make_ring(0, RING_TYPE_FOCAL);
 	links(0, 1, 0);
@@ -161,27 +136,19 @@ TEST_F(Dispatch, FocalLinkUpOnlyOpensTheHold)
 	EXPECT_EQ(instances[0].link_up_pending, 1u);
 	EXPECT_EQ(instances[0].ring_state, (uint32_t)BROKEN_NET_FOCAL);
 	EXPECT_EQ(bridge(), "");
-	EXPECT_EQ(notices(), (std::vector<std::string>{
-				     "is_edge_switch() - Link A:1 B:0 Switch is edge: 0\n",
-				     "local_link_up() - edge:0 bus_edge:0 state: Broken sending link up: 0\n"}));
-}
+	EXPECT_EQ(notices(), (Lines{"is_edge_switch() - Link A:1 B:0 Switch is edge: 0\n",
+				    "local_link_up() - edge:0 bus_edge:0 state: Broken sending link up: 0\n"}));
 
-TEST_F(Dispatch, EdgeIdsKeepTheLatestTwoDistinctSenders)
-{
-	make_ring(0, RING_TYPE_FOCAL);
+	fake::set_debug(0);
 	for (uint8_t id : {0x0a, 0x0a, 0x0b, 0x0c})
 		event(0, RX_LINKA_1, link_up_payload(id));
 	EXPECT_EQ(instances[0].edge[0].edge_id[7], 0x0b);
 	EXPECT_EQ(instances[0].edge[1].edge_id[7], 0x0c);
 	EXPECT_EQ(instances[0].edge[0].edge_latest, 0u);
 	EXPECT_EQ(instances[0].edge[1].edge_latest, 1u);
-
+	clear();
 	store_edge_id(0, nullptr);
-	EXPECT_EQ(errors(), std::vector<std::string>{"No valid data\n"});
-	EXPECT_EQ(is_edge_switch(0, PORT_A), 1);
-	instances[0].port[PORT_B].ifindex = -1;
-	EXPECT_EQ(is_edge_switch(0, PORT_A), 0);
-	EXPECT_EQ(is_edge_switch(0, PORT_B), 0);
+	EXPECT_EQ(errors(), Lines{"No valid data\n"});
 }
 
 } // namespace

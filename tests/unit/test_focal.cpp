@@ -1,18 +1,17 @@
 // The focal point's life: supervision with Ring frames, opening on a
 // broken ring (plain and guarded), closing again after the response delay.
-#include "tests/unit/ring_fixture.h"
+#include "tests/fakes/fixture.h"
 
-using namespace ringtest;
+using namespace fx;
 
 namespace {
 
-class Focal : public Ring {
+class Focal : public Unit {
 protected:
-	// A focal point as configuration leaves it: both links up, port B
-	// the blocked port, RING_FAIL_NET_FOCAL entered forced.
+	// As configuration leaves it: both links up, port B blocked, RING_FAIL_NET_FOCAL forced.
 	void SetUp() override
 	{
-		Ring::SetUp();
+		Unit::SetUp();
 		make_ring(0, RING_TYPE_FOCAL);
 		links(0, 1, 1);
 		focal_config_ring_topology(0, RING_FAIL_NET_FOCAL, 1);
@@ -47,21 +46,16 @@ TEST_F(Focal, SetUpKeepsBlockedPortClosedAndReturningFramesCloseTheRing)
 	EXPECT_EQ(bridge(), "12=BLOCKING 11=FORWARDING 11:flush 12:flush");
 	EXPECT_EQ(state_file(), "Ring Fail");
 	clear();
-
 	ring_tick(0);
 	EXPECT_EQ(sent(), "Ring@11 Ring@12");
-	EXPECT_EQ(instances[0].port[PORT_A].tx_ring, 1u);
 	EXPECT_FALSE(pending());
-
 	fake::set_debug(ZALK_TRACE);
 	clear();
 	frames_return();
 	ring_tick(0);
 	EXPECT_EQ(dispatch(), 2);
 	EXPECT_EQ(instances[0].ring_state, (uint32_t)RING_OK_NET_FOCAL);
-	// The blocked port is requested blocked before the open one forwards;
-	// the second RX_PCK changes nothing.
-	EXPECT_EQ(bridge(), "12=BLOCKING 11=FORWARDING 11:flush 12:flush");
+	EXPECT_EQ(bridge(), "12=BLOCKING 11=FORWARDING 11:flush 12:flush"); // the second RX_PCK changes nothing
 	EXPECT_TRUE(has(notices(), "focal_config_ring_topology() - Ins:0 No change, same ring state RING_OK_NET_FOCAL\n"));
 }
 
@@ -70,19 +64,14 @@ TEST_F(Focal, UnguardedOpensAtTheFourthSilentIntervalOnly)
 	close_ring();
 	ASSERT_TRUE(quiet_ticks(3));
 	EXPECT_EQ(bridge(), "");
-
 	fake::set_debug(ZALK_STATE | ZALK_DBG);
 	ring_tick(0);
 	EXPECT_EQ(dispatch(), 2);
 	EXPECT_EQ(state_file(), "Broken");
 	EXPECT_EQ(bridge(), "12=FORWARDING 11=FORWARDING 11:flush 12:flush");
-	auto n = notices();
-	EXPECT_TRUE(has(n, "sm_cb() - I:0 Ev:RX_TIMEOUT\n"));
-	EXPECT_TRUE(has(n, "focal_ring_timeout() - I:0 RX_TIMEOUT while in not GUARDED mode\n"));
-	EXPECT_TRUE(has(n, "focal_config_ring_topology() - I:0 RING_OK_NET_FOCAL -> BROKEN_NET_FOCAL\n"));
-
-	// Later timeouts are ignored while broken.
-	clear();
+	EXPECT_TRUE(has(notices(), "focal_ring_timeout() - I:0 RX_TIMEOUT while in not GUARDED mode\n"));
+	EXPECT_TRUE(has(notices(), "focal_config_ring_topology() - I:0 RING_OK_NET_FOCAL -> BROKEN_NET_FOCAL\n"));
+	clear(); // later timeouts are ignored while broken
 	ring_tick(0);
 	EXPECT_EQ(dispatch(), 2);
 	EXPECT_EQ(bridge(), "");
@@ -95,14 +84,11 @@ TEST_F(Focal, GuardedStaysBlockedSendsTrigAndOpensOnlyOnLinkDown)
 	close_ring();
 	ASSERT_TRUE(quiet_ticks(3));
 	clear();
-
 	ring_tick(0);
 	dispatch();
 	EXPECT_EQ(state_file(), "Ring Fail");
-	EXPECT_EQ(instances[0].port[PORT_B].state, (uint32_t)PORT_BLOCKING);
 	EXPECT_EQ(bridge(), "12=BLOCKING 11=FORWARDING 11:flush 12:flush");
 	EXPECT_EQ(sent(), "Ring@11 Ring@12 Trig@11 Trig@12 Trig@11 Trig@12");
-
 	for (int i = 0; i < 3; i++) {
 		clear();
 		ring_tick(0);
@@ -110,9 +96,7 @@ TEST_F(Focal, GuardedStaysBlockedSendsTrigAndOpensOnlyOnLinkDown)
 		EXPECT_EQ(bridge(), "");
 		EXPECT_EQ(count_of(sent(), "Trig@11 Trig@12"), 2u);
 	}
-
-	// A member answers the Trig with a Link Down frame on port B.
-	clear();
+	clear(); // a member answers the Trig with a Link Down frame on port B
 	event(0, RX_LINKB_0);
 	EXPECT_EQ(sent(), "Flush@11");
 	EXPECT_EQ(state_file(), "Broken");
@@ -134,8 +118,6 @@ TEST_F(Focal, FramesReturningFourIntervalsWhileBrokenGiveRingFailThenOk)
 	EXPECT_EQ(state_file(), "Ring Fail");
 	EXPECT_EQ(bridge(), "12=BLOCKING 11=FORWARDING 11:flush 12:flush");
 	EXPECT_EQ(count_of(sent(), "Trig@11 Trig@12"), 2u);
-
-	clear();
 	frames_return();
 	ring_tick(0);
 	dispatch();
@@ -150,28 +132,19 @@ TEST_F(Focal, ReturningLinkIsAnsweredAtTheNPlus4thTickWithBothEdges)
 	event(0, RX_LINKA_1, link_up_payload(0x01)); // repeated, remembered once
 	event(0, RX_LINKB_1, link_up_payload(0x02));
 	event(0, LINKB0_1);
-	EXPECT_EQ(instances[0].link_up_pending, 1u);
 	clear();
-
 	for (uint32_t t = 1; t < instances[0].response_delay + 4; t++)
 		hold_tick();
-	EXPECT_EQ(sent(), "");
-	EXPECT_EQ(bridge(), "");
-
+	EXPECT_EQ(sent() + bridge(), "");
 	miss_count[0][PORT_A] = 7;
 	hold_tick();
 	EXPECT_EQ(state_file(), "Ring Ok");
 	EXPECT_EQ(bridge(), "12=BLOCKING 11=FORWARDING 11:flush 12:flush");
 	ASSERT_EQ(sent(), "Link Response@11 Link Response@12");
-	for (auto &f : fake::frames) {
-		EXPECT_EQ(bytes(f.bytes, 30, 2), "0001");
-		EXPECT_EQ(bytes(f.bytes, 40, 8), "000002aa00000002"); // slot 0: the later one
-		EXPECT_EQ(bytes(f.bytes, 48, 8), "000002aa00000001"); // slot 1: the first one
-	}
+	for (auto &f : fake::frames) // status 1, slot 0 the later sender, slot 1 the first
+		EXPECT_EQ(hex(f.bytes, 30, 26), "0001" "000002000000" "0010" "000002aa00000002" "000002aa00000001");
 	EXPECT_EQ(miss_count[0][PORT_A], 0u);
-	EXPECT_EQ(instances[0].link_up_pending, 0u);
-	EXPECT_EQ(instances[0].hold_state, 0u);
-
+	EXPECT_EQ(instances[0].link_up_pending + instances[0].hold_state, 0u);
 	clear();
 	for (int t = 0; t < 40; t++)
 		hold_tick();
@@ -185,24 +158,21 @@ TEST_F(Focal, LinkDownFrameDuringTheHoldCancelsTheAnswer)
 		hold_tick();
 	EXPECT_EQ(instances[0].hold_state, 1u);
 	event(0, RX_LINKB_0);
-	hold_tick();
-	EXPECT_EQ(instances[0].hold_state, 0u);
 	clear();
 	for (int t = 0; t < 40; t++)
 		hold_tick();
-	EXPECT_EQ(sent(), "");
-	EXPECT_EQ(bridge(), "");
+	EXPECT_EQ(instances[0].hold_state, 0u);
+	EXPECT_EQ(sent() + bridge(), "");
 }
 
 TEST_F(Focal, BusEdgeSupervisesAndAnswersOnPortAOnly)
 {
 	memset(&instances[0], 0, sizeof(instances[0]));
 	focal_timers_init();
-	make_ring(0, RING_TYPE_FOCAL, false);
+	make_ring(0, RING_TYPE_FOCAL, 3, false);
 	clear();
 	focal_config_ring_topology(0, RING_FAIL_NET_FOCAL, 1);
 	EXPECT_EQ(bridge(), "11=BLOCKING 11:flush");
-
 	event(0, LINKA0_1);
 	clear();
 	for (uint32_t t = 0; t < instances[0].response_delay + 4; t++)
@@ -210,13 +180,11 @@ TEST_F(Focal, BusEdgeSupervisesAndAnswersOnPortAOnly)
 	EXPECT_EQ(state_file(), "Ring Ok");
 	EXPECT_EQ(bridge(), "11=BLOCKING 11:flush"); // the bus end stays closed
 	EXPECT_EQ(sent(), "Link Response@11");
-
 	clear();
 	for (int i = 0; i < 10; i++)
 		ring_tick(0);
 	EXPECT_EQ(count_of(sent(), "@12"), 0u);
 	EXPECT_EQ(dispatch(), 7); // RX_TIMEOUT from port A, intervals 4 to 10
-	EXPECT_EQ(miss_count[0][PORT_B], 0u);
 }
 
 TEST_F(Focal, ForcedChangeReappliesAndLogsTheThreeSteps)
@@ -226,7 +194,6 @@ TEST_F(Focal, ForcedChangeReappliesAndLogsTheThreeSteps)
 	focal_config_ring_topology(0, RING_FAIL_NET_FOCAL, 0);
 	EXPECT_EQ(bridge(), "");
 	EXPECT_TRUE(has(notices(), "focal_config_ring_topology() - Ins:0 No change, same ring state RING_FAIL_NET_FOCAL\n"));
-
 	focal_config_ring_topology(0, RING_FAIL_NET_FOCAL, 1);
 	EXPECT_EQ(bridge(), "12=BLOCKING 11=FORWARDING 11:flush 12:flush");
 	EXPECT_EQ(event_log(), "437.052 focal_config_ring_topology() - zalk_port_states (ins)\n"
@@ -238,19 +205,12 @@ TEST_F(Focal, ForcedChangeReappliesAndLogsTheThreeSteps)
 TEST_F(Focal, RingTimerIsRearmedWithTheIntervalNeverBelowTenMs)
 {
 	ring_tick(0);
-	EXPECT_TRUE(ev_is_active(&instances[0].ring_timer));
 	EXPECT_NEAR(ev_timer_remaining(loop, &instances[0].ring_timer), 0.5, 1e-6);
-
 	instances[0].ring_interval = 0.0f;
 	ring_tick(0);
 	EXPECT_NEAR(ev_timer_remaining(loop, &instances[0].ring_timer), 0.010, 1e-6);
-	instances[0].ring_interval = -3.0f;
-	ring_tick(0);
-	EXPECT_NEAR(ev_timer_remaining(loop, &instances[0].ring_timer), 0.010, 1e-6);
-	EXPECT_EQ(instances[0].ring_interval, -3.0f); // the configured value stays
-
 	focal_ring_timer_start(0, loop);
-	EXPECT_EQ(errors(), std::vector<std::string>{"Ring interval of instance 0 too short, checking every 10 ms\n"});
+	EXPECT_EQ(errors(), Lines{"Ring interval of instance 0 too short, checking every 10 ms\n"});
 }
 
 } // namespace

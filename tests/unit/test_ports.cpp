@@ -1,8 +1,8 @@
 // Ring state to bridge port states: the whole table, and the order in
 // which the bridge hears about it (blocking always before forwarding).
-#include "tests/unit/ring_fixture.h"
+#include "tests/fakes/fixture.h"
 
-using namespace ringtest;
+using namespace fx;
 
 namespace {
 
@@ -12,9 +12,8 @@ struct Row {
 	int a_link, b_link;
 	bool with_b;
 	uint32_t blocked_port;
-	uint32_t a_state, b_state; // fields after the call
-	uint32_t returned;
-	const char *requests;      // what the bridge sees, in order
+	uint32_t a_state, b_state, returned; // port fields after the call, result
+	const char *requests;                // what the bridge sees, in order
 };
 
 constexpr uint32_t F = PORT_FORWARDING, B = PORT_BLOCKING;
@@ -44,70 +43,54 @@ const Row rows[] = {
 	{"invalid_state", 7, 1, 1, true, 1, B, B, 7, "11=BLOCKING 12=BLOCKING"},
 };
 
-class PortTable : public Ring, public ::testing::WithParamInterface<Row> {};
+class PortTable : public Unit, public ::testing::WithParamInterface<Row> {};
 
 TEST_P(PortTable, DecidesAndAppliesBlockingFirst)
 {
 	const Row &r = GetParam();
-	make_ring(0, r.requested <= DOWN_NET_FOCAL ? RING_TYPE_FOCAL : RING_TYPE_MEMBER, r.with_b);
+	make_ring(0, r.requested <= DOWN_NET_FOCAL ? RING_TYPE_FOCAL : RING_TYPE_MEMBER, 3, r.with_b);
 	links(0, r.a_link, r.b_link);
 	instances[0].blocked_port = r.blocked_port;
 	// A stale state must never survive a decision.
-	instances[0].port[PORT_A].state = PORT_FORWARDING;
-	instances[0].port[PORT_B].state = PORT_FORWARDING;
+	instances[0].port[PORT_A].state = instances[0].port[PORT_B].state = PORT_FORWARDING;
 	clear();
-
 	EXPECT_EQ(zalk_port_states(0, r.requested), r.returned);
 	EXPECT_EQ(instances[0].port[PORT_A].state, r.a_state);
 	EXPECT_EQ(instances[0].port[PORT_B].state, r.b_state);
 	EXPECT_EQ(bridge(), r.requests);
-	if (r.requested > DOWN_NET_MEMBER)
-		EXPECT_EQ(errors(), std::vector<std::string>{"Ring state is invalid, block both ring ports\n"});
-	else
-		EXPECT_TRUE(errors().empty());
+	EXPECT_EQ(errors(), r.requested > DOWN_NET_MEMBER ? Lines{"Ring state is invalid, block both ring ports\n"} : Lines{});
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, PortTable, ::testing::ValuesIn(rows),
-			 [](const auto &info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Rows, PortTable, ::testing::ValuesIn(rows), [](const auto &info) { return std::string(info.param.name); });
 
-TEST_F(Ring, PortStateLinesNameBothPortsPortAFirst)
-{
-	make_ring(0, RING_TYPE_MEMBER);
-	fake::set_debug(ZALK_STATE);
-	clear();
-	zalk_port_states(0, OK_NET_MEMBER);
-	EXPECT_EQ(notices(), (std::vector<std::string>{"zalk_phy_port_state() - Port eth1 FORWARDING\n",
-						      "zalk_phy_port_state() - Port eth2 FORWARDING\n"}));
-}
+using Ports = Unit;
 
-TEST_F(Ring, FailedBridgeRequestIsReportedOnceAndDecisionStands)
+TEST_F(Ports, FailedRequestIsReportedOnceAndTheOtherPortIsStillAsked)
 {
 	make_ring(0, RING_TYPE_FOCAL);
 	links(0, 1, 1);
-	fake::talk_hook = [](const nlmsghdr *n) {
-		return reinterpret_cast<const ifinfomsg *>(NLMSG_DATA(n))->ifi_index == 12 ? -1 : 0;
-	};
+	fake::set_debug(ZALK_STATE);
+	fake::talk_hook = [](const nlmsghdr *n) { return ((const ifinfomsg *)NLMSG_DATA(n))->ifi_index == 12 ? -1 : 0; };
 	clear();
 	EXPECT_EQ(zalk_port_states(0, RING_OK_NET_FOCAL), (uint32_t)RING_OK_NET_FOCAL);
-	EXPECT_EQ(errors(), std::vector<std::string>{"zalk_phy_port_state: offload_set_port_state() failed!\n"});
-	EXPECT_EQ(instances[0].port[PORT_B].state, (uint32_t)PORT_BLOCKING);
-	EXPECT_EQ(bridge(), "12=BLOCKING 11=FORWARDING"); // port A is still asked
+	EXPECT_EQ(errors(), Lines{"zalk_phy_port_state: offload_set_port_state() failed!\n"});
+	EXPECT_EQ(notices(), (Lines{"zalk_phy_port_state() - Port eth1 FORWARDING\n", "zalk_phy_port_state() - Port eth2 BLOCKING\n"}));
+	EXPECT_EQ(bridge(), "12=BLOCKING 11=FORWARDING");
 	EXPECT_EQ(zalk_phy_port_state(0), 1);
 	fake::talk_hook = nullptr;
 	EXPECT_EQ(zalk_phy_port_state(0), 0);
 }
 
-TEST_F(Ring, BlockRingPortsLeavesStateFieldsAlone)
+TEST_F(Ports, BlockRingPortsLeavesStateFieldsAlone)
 {
 	make_ring(0, RING_TYPE_MEMBER);
-	make_ring(1, RING_TYPE_MEMBER, false);
+	make_ring(1, RING_TYPE_MEMBER, 4, false);
 	instances[0].port[PORT_A].state = PORT_FORWARDING;
 	clear();
 	EXPECT_EQ(block_ring_ports(0), 0);
 	EXPECT_EQ(block_ring_ports(1), 0);
 	EXPECT_EQ(bridge(), "11=BLOCKING 12=BLOCKING 21=BLOCKING");
 	EXPECT_EQ(instances[0].port[PORT_A].state, (uint32_t)PORT_FORWARDING);
-
 	fake::talk_hook = [](const nlmsghdr *) { return -1; };
 	EXPECT_NE(block_ring_ports(0), 0);
 }
