@@ -62,7 +62,30 @@ void trace_ring_check_event(int ins, uint32_t event)
 		zlog(LOG_NOTICE, "%s() - I:%d Ev:%s\n", "sm_cb", ins, zalk_event_name(event));
 }
 
-verdict focal_action(struct ev_loop *loop, int ins, uint32_t event, const uint8_t *data)
+// Local link changes and flush requests are handled alike in both roles.
+bool shared_action(struct ev_loop *loop, int ins, uint32_t event)
+{
+	switch (event) {
+	case LINKA0_1:
+		local_link_up(loop, ins, PORT_A);
+		return true;
+	case LINKA1_0:
+		local_link_down(ins, PORT_A);
+		return true;
+	case LINKB0_1:
+		local_link_up(loop, ins, PORT_B);
+		return true;
+	case LINKB1_0:
+		local_link_down(ins, PORT_B);
+		return true;
+	case FLUSH_FDB:
+		zalkv2_fdb_flush(ins);
+		return true;
+	}
+	return false;
+}
+
+verdict focal_action(int ins, uint32_t event, const uint8_t *data)
 {
 	switch (event) {
 	case RX_LINKA_1:
@@ -96,26 +119,11 @@ verdict focal_action(struct ev_loop *loop, int ins, uint32_t event, const uint8_
 		trace_ring_check_event(ins, event);
 		focal_config_ring_topology(ins, RING_OK_NET_FOCAL, 0);
 		return verdict::done;
-	case LINKA0_1:
-		local_link_up(loop, ins, PORT_A);
-		return verdict::done;
-	case LINKA1_0:
-		local_link_down(ins, PORT_A);
-		return verdict::done;
-	case LINKB0_1:
-		local_link_up(loop, ins, PORT_B);
-		return verdict::done;
-	case LINKB1_0:
-		local_link_down(ins, PORT_B);
-		return verdict::done;
-	case FLUSH_FDB:
-		zalkv2_fdb_flush(ins);
-		return verdict::done;
 	}
 	return verdict::done;
 }
 
-verdict member_action(struct ev_loop *loop, int ins, uint32_t event, const uint8_t *data)
+verdict member_action(int ins, uint32_t event, const uint8_t *data)
 {
 	switch (event) {
 	case RX_LINKA_1:
@@ -140,24 +148,9 @@ verdict member_action(struct ev_loop *loop, int ins, uint32_t event, const uint8
 	case FOCAL_TRIG:
 		report_down_links(ins);
 		return verdict::done;
-	case LINKA0_1:
-		local_link_up(loop, ins, PORT_A);
-		return verdict::done;
-	case LINKA1_0:
-		local_link_down(ins, PORT_A);
-		return verdict::done;
-	case LINKB0_1:
-		local_link_up(loop, ins, PORT_B);
-		return verdict::done;
-	case LINKB1_0:
-		local_link_down(ins, PORT_B);
-		return verdict::done;
 	case RX_LINK_RESPONSE_RING:
 		report_down_links(ins);
 		link_response_step(ins);
-		return verdict::done;
-	case FLUSH_FDB:
-		zalkv2_fdb_flush(ins);
 		return verdict::done;
 	}
 	return verdict::done;
@@ -212,8 +205,10 @@ void sm_cb(struct ev_loop *loop, ev_io *w, int)
 		if (ev.event > SM_EVENT_MAX) {
 			zlog(LOG_ERR, "Invalid event %d received!\n", (int)ev.event);
 		} else {
-			verdict v = is_focal(ins) ? focal_action(loop, ins, ev.event, ev.data)
-						  : member_action(loop, ins, ev.event, ev.data);
+			verdict v = verdict::done;
+			if (!shared_action(loop, ins, ev.event))
+				v = is_focal(ins) ? focal_action(ins, ev.event, ev.data)
+						  : member_action(ins, ev.event, ev.data);
 			if (v == verdict::refused) {
 				zalk_event_log("sm_cb", "Leaving\n");
 				zlog(LOG_ERR, "Enter %s but is %s\n", zalk_event_name(ev.event),
