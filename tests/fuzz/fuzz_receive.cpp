@@ -1,9 +1,9 @@
 // libFuzzer target over the receive path: any bytes on a ring port, of
 // any length, must be parsed without reading outside them and may only
-// post well-formed events. Built by hand (not part of the default build):
-//   clang++ -std=c++20 -g -O1 -fsanitize=fuzzer,address,undefined -I. \
-//     tests/fuzz/fuzz_receive.cpp ring/channel.cpp frames/*.cpp <the rest of zalk_core> \
-//     tests/fakes/*.cpp -lev -lite -lconfuse -lgtest
+// post well-formed events. Not part of the default build:
+//   CXX=clang++ cmake -S . -B build-fuzz -DZALK_FUZZ=ON \
+//     -DCMAKE_CXX_FLAGS=-fsanitize=address,undefined && cmake --build build-fuzz --target fuzz_receive
+//   build-fuzz/tests/fuzz_receive tests/fuzz/seeds_receive
 // Seeds: tests/fuzz/seeds_receive/.
 #include <cstdint>
 #include <cstdlib>
