@@ -16,6 +16,7 @@
 #include "daemon/instance.h"
 #include "daemon/os.h"
 #include "daemon/util.h"
+#include "frames/frames.h"
 #include "status/status.h"
 
 namespace {
@@ -45,13 +46,6 @@ void entry_give_back(tc_entry *e)
 	memset(e, 0, sizeof(*e));
 	e->next = free_entries;
 	free_entries = e;
-}
-
-// Group address k of a ring: 03:4b:a1:01:<ring id>:0k.
-void ring_group_address(int ring_id, int k, uint8_t out[6])
-{
-	const uint8_t addr[6] = {0x03, 0x4b, 0xa1, 0x01, (uint8_t)(ring_id & 0xff), (uint8_t)k};
-	memcpy(out, addr, 6);
 }
 
 } // namespace
@@ -189,12 +183,12 @@ int zalkv2_block_ring_macs(int ins, int ifindex, int add)
 	const zalkv2_instance &in = instances[ins];
 	uint8_t mac[6];
 
-	ring_group_address(in.ring_id, 1, mac);
+	zalkv2_group_address(in.ring_id, 1, mac);
 	int ret = zalkv2_tc_mac_filter(1, ifindex, "all", mac, add, 1, 0);
 	if (in.role != RING_TYPE_FOCAL)
 		return ret;
 	for (int k = 2; k <= 3; k++) {
-		ring_group_address(in.ring_id, k, mac);
+		zalkv2_group_address(in.ring_id, k, mac);
 		ret += zalkv2_tc_mac_filter(1, ifindex, "all", mac, add, 1, 0);
 	}
 	return ret;
@@ -203,8 +197,8 @@ int zalkv2_block_ring_macs(int ins, int ifindex, int add)
 void zalkv2_block_foreign_ring(int ring_id, int add)
 {
 	uint8_t g1[6], g2[6];
-	ring_group_address(ring_id, 1, g1);
-	ring_group_address(ring_id, 2, g2);
+	zalkv2_group_address(ring_id, 1, g1);
+	zalkv2_group_address(ring_id, 2, g2);
 
 	int ret = 0;
 	for (const zalkv2_instance &in : instances) {

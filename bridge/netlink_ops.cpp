@@ -11,6 +11,7 @@
 
 #include "daemon/os.h"
 #include "daemon/util.h"
+#include "frames/frames.h"
 #include "status/status.h"
 
 struct rtnl_handle bridge_rth = {-1};
@@ -34,15 +35,6 @@ template <typename Family> void req_init(bridge_req<Family> &req, uint16_t type,
 	req.n.nlmsg_len = NLMSG_LENGTH(sizeof(Family));
 	req.n.nlmsg_type = type;
 	req.n.nlmsg_flags = flags;
-}
-
-// Group address k (1..4) of a ring: 03:4B:A1:01:<low byte of ring id>:0k.
-void ring_group_address(int ring_id, int k, uint8_t out[6])
-{
-	constexpr uint8_t base[6] = {0x03, 0x4b, 0xa1, 0x01, 0x00, 0x00};
-	memcpy(out, base, sizeof(base));
-	out[4] = (uint8_t)(ring_id & 0xff);
-	out[5] = (uint8_t)k;
 }
 
 // Interface name for a log line; an index the kernel no longer knows is
@@ -192,7 +184,7 @@ int zalkv2_setup_mdb(int ins, int port_ifindex, int add)
 	const int br = in.bridge_ifindex;
 	uint8_t g[5][6];
 	for (int k = 1; k <= 4; k++)
-		ring_group_address(in.ring_id, k, g[k]);
+		zalkv2_group_address(in.ring_id, k, g[k]);
 
 	int ret = 0;
 	// The bridge device's own entries are made once per ring, with port A.

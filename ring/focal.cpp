@@ -258,7 +258,11 @@ void focal_ring_timeout(int ins)
 
 void focal_response_timer_cb(struct ev_loop *, ev_timer *, int)
 {
+	// Only focal points hold: a slot that was a focal point before a
+	// reconfiguration made it a member may still carry a stale
+	// link_up_pending, and a member must never run the focal point's
+	// answer (port states, Link Responses).
 	for (int i = 0; i < ZALK_MAX_INSTANCES; i++)
-		if (is_focal(i)) // link_up_pending is only ever set on focal points
+		if (is_focal(i))
 			response_hold_tick(i);
 }
