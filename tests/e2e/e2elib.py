@@ -30,11 +30,8 @@ class Test:
 
 	def up(self, topo):
 		self.lab.up(topo)
-		if self.lab.standin:
-			print('note: this kernel has no tc flower; nftables bridge rules stand in for the '
-			      'daemon\'s drop filters (group address 1 everywhere, 2 and 3 on the focal point)')
-		print('note: ring ports are held blocked by the lab\'s port-state stand-in while their '
-		      'daemon has set them blocking (this kernel forces a plain bridge\'s ports to forwarding)')
+		for note in zlab.standin_notes(self.lab):
+			print('note: ' + note)
 
 	def check(self, what, cond, detail=''):
 		if cond:

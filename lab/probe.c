@@ -1,0 +1,319 @@
+/*
+ * zlab_probe: the ring lab's traffic probe.
+ *
+ *   zlab_probe send IFACE DSTMAC RATE COUNT BCAST_EVERY
+ *   zlab_probe recv IFACE COUNT MAX_SECONDS OUTFILE
+ *
+ * The sender puts COUNT sequence-numbered Ethernet frames (ether type
+ * 0x88b5, local experimental) on IFACE at RATE frames per second, paced on
+ * an absolute schedule, and after every BCAST_EVERY-th frame one broadcast
+ * frame with its own sequence number; then a few end frames. The receiver
+ * takes the kernel's receive time stamp of every frame (SO_TIMESTAMPNS),
+ * counts lost, duplicated and reordered frames and broadcast copies, and
+ * records every pause of at least 0.3 ms between two data frames with the
+ * number of frames lost in it. Both are bounded: the sender by COUNT, the
+ * receiver by MAX_SECONDS. Results are JSON.
+ */
+#define _GNU_SOURCE
+#include <arpa/inet.h>
+#include <errno.h>
+#include <linux/if_packet.h>
+#include <net/ethernet.h>
+#include <net/if.h>
+#include <poll.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#define PROBE_ETHERTYPE 0x88b5
+#define KIND_DATA 0
+#define KIND_BCAST 1
+#define KIND_END 2
+#define GAP_MIN_NS 300000LL
+#define MAX_GAPS 20000
+
+struct probe_hdr {
+	char magic[4];
+	uint32_t kind;
+	uint64_t seq;
+	uint64_t sent_ns;
+	uint64_t total; /* end frames: data frames sent */
+} __attribute__((packed));
+
+static int64_t now_ns(clockid_t c)
+{
+	struct timespec ts;
+	clock_gettime(c, &ts);
+	return (int64_t)ts.tv_sec * 1000000000LL + ts.tv_nsec;
+}
+
+static int open_sock(const char *ifname, int *ifindex, unsigned char mac[6])
+{
+	int fd = socket(AF_PACKET, SOCK_RAW, htons(PROBE_ETHERTYPE));
+	if (fd < 0) {
+		perror("socket");
+		exit(2);
+	}
+	struct ifreq ifr;
+	memset(&ifr, 0, sizeof(ifr));
+	snprintf(ifr.ifr_name, sizeof(ifr.ifr_name), "%s", ifname);
+	if (ioctl(fd, SIOCGIFINDEX, &ifr) < 0) {
+		perror(ifname);
+		exit(2);
+	}
+	*ifindex = ifr.ifr_ifindex;
+	if (ioctl(fd, SIOCGIFHWADDR, &ifr) < 0) {
+		perror("SIOCGIFHWADDR");
+		exit(2);
+	}
+	memcpy(mac, ifr.ifr_hwaddr.sa_data, 6);
+	struct sockaddr_ll sll;
+	memset(&sll, 0, sizeof(sll));
+	sll.sll_family = AF_PACKET;
+	sll.sll_protocol = htons(PROBE_ETHERTYPE);
+	sll.sll_ifindex = *ifindex;
+	if (bind(fd, (struct sockaddr *)&sll, sizeof(sll)) < 0) {
+		perror("bind");
+		exit(2);
+	}
+	return fd;
+}
+
+static int send_frame(int fd, const unsigned char dst[6], const unsigned char src[6], uint32_t kind,
+		      uint64_t seq, uint64_t total)
+{
+	unsigned char f[64];
+	memset(f, 0, sizeof(f));
+	memcpy(f, dst, 6);
+	memcpy(f + 6, src, 6);
+	f[12] = PROBE_ETHERTYPE >> 8;
+	f[13] = PROBE_ETHERTYPE & 0xff;
+	struct probe_hdr h;
+	memcpy(h.magic, "ZLP1", 4);
+	h.kind = kind;
+	h.seq = seq;
+	h.sent_ns = (uint64_t)now_ns(CLOCK_REALTIME);
+	h.total = total;
+	memcpy(f + 14, &h, sizeof(h));
+	return send(fd, f, 60, 0) == 60 ? 0 : -1;
+}
+
+static int do_send(int argc, char **argv)
+{
+	if (argc != 7) {
+		fprintf(stderr, "usage: zlab_probe send IFACE DSTMAC RATE COUNT BCAST_EVERY\n");
+		return 2;
+	}
+	int ifindex;
+	unsigned char src[6], dst[6], bc[6];
+	int fd = open_sock(argv[2], &ifindex, src);
+	if (sscanf(argv[3], "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &dst[0], &dst[1], &dst[2], &dst[3], &dst[4],
+		   &dst[5]) != 6) {
+		fprintf(stderr, "bad MAC %s\n", argv[3]);
+		return 2;
+	}
+	memset(bc, 0xff, 6);
+	double rate = atof(argv[4]);
+	uint64_t count = strtoull(argv[5], NULL, 10);
+	uint64_t bevery = strtoull(argv[6], NULL, 10);
+	if (rate <= 0 || rate > 1e6 || count == 0) {
+		fprintf(stderr, "bad rate or count\n");
+		return 2;
+	}
+	/* hrtimer wake-ups close to the schedule */
+	prctl(PR_SET_TIMERSLACK, 1UL);
+	int64_t period = (int64_t)(1e9 / rate);
+	int64_t start = now_ns(CLOCK_MONOTONIC) + 1000000;
+	int64_t wall_start = now_ns(CLOCK_REALTIME) + 1000000;
+	/* tell the caller the first frame is about to leave */
+	fprintf(stderr, "started\n");
+	fflush(stderr);
+	int64_t max_late = 0;
+	uint64_t errors = 0, bseq = 0;
+	for (uint64_t i = 0; i < count; i++) {
+		int64_t due = start + (int64_t)i * period;
+		struct timespec ts = {due / 1000000000LL, due % 1000000000LL};
+		while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, NULL) == EINTR)
+			;
+		int64_t late = now_ns(CLOCK_MONOTONIC) - due;
+		if (late > max_late)
+			max_late = late;
+		if (send_frame(fd, dst, src, KIND_DATA, i, 0))
+			errors++;
+		if (bevery && (i + 1) % bevery == 0 && send_frame(fd, bc, src, KIND_BCAST, bseq++, 0))
+			errors++;
+	}
+	double secs = (now_ns(CLOCK_MONOTONIC) - start) / 1e9;
+	for (int k = 0; k < 5; k++) {
+		send_frame(fd, dst, src, KIND_END, 0, count);
+		usleep(10000);
+	}
+	printf("{\"sent\": %llu, \"bcast_sent\": %llu, \"errors\": %llu, \"seconds\": %.6f, "
+	       "\"max_late_ms\": %.3f, \"start\": %.9f}\n",
+	       (unsigned long long)count, (unsigned long long)bseq, (unsigned long long)errors, secs,
+	       max_late / 1e6, wall_start / 1e9);
+	return 0;
+}
+
+struct gap {
+	int64_t start_ns, len_ns;
+	uint64_t seq, lost;
+};
+
+static int do_recv(int argc, char **argv)
+{
+	if (argc != 6) {
+		fprintf(stderr, "usage: zlab_probe recv IFACE COUNT MAX_SECONDS OUTFILE\n");
+		return 2;
+	}
+	int ifindex;
+	unsigned char own[6];
+	int fd = open_sock(argv[2], &ifindex, own);
+	uint64_t count = strtoull(argv[3], NULL, 10);
+	double max_secs = atof(argv[4]);
+	int on = 1, rcvbuf = 8 << 20;
+	setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof(on));
+	setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &rcvbuf, sizeof(rcvbuf));
+	unsigned char *seen = calloc(count + 1, 1);
+	unsigned char *bseen = calloc(count + 1, 1);
+	struct gap *gaps = calloc(MAX_GAPS, sizeof(*gaps));
+	if (!seen || !bseen || !gaps)
+		return 2;
+	uint64_t rx = 0, uniq = 0, dups = 0, reord = 0, brx = 0, buniq = 0, bdups = 0, bmax = 0, ngaps = 0;
+	uint64_t total = count, foreign = 0, highest = 0;
+	int64_t first = 0, last = 0, max_gap = 0, first_dup = 0;
+	int64_t last_seq = -1;
+	int ended = 0;
+	int64_t deadline = now_ns(CLOCK_MONOTONIC) + (int64_t)(max_secs * 1e9);
+	/* the receiver is ready: the sender may start */
+	fprintf(stderr, "ready\n");
+	fflush(stderr);
+	while (!ended) {
+		int64_t left = deadline - now_ns(CLOCK_MONOTONIC);
+		if (left <= 0)
+			break;
+		struct pollfd p = {fd, POLLIN, 0};
+		int r = poll(&p, 1, (int)(left / 1000000) + 1);
+		if (r <= 0)
+			continue;
+		for (;;) {
+			unsigned char buf[256];
+			char cbuf[256];
+			struct iovec iov = {buf, sizeof(buf)};
+			struct sockaddr_ll from;
+			struct msghdr m = {&from, sizeof(from), &iov, 1, cbuf, sizeof(cbuf), 0};
+			ssize_t n = recvmsg(fd, &m, MSG_DONTWAIT);
+			if (n < 0)
+				break;
+			if (from.sll_pkttype == PACKET_OUTGOING)
+				continue;
+			struct probe_hdr h;
+			if (n < 14 + (ssize_t)sizeof(h)) {
+				foreign++;
+				continue;
+			}
+			memcpy(&h, buf + 14, sizeof(h));
+			if (memcmp(h.magic, "ZLP1", 4)) {
+				foreign++;
+				continue;
+			}
+			int64_t t = now_ns(CLOCK_REALTIME);
+			for (struct cmsghdr *c = CMSG_FIRSTHDR(&m); c; c = CMSG_NXTHDR(&m, c))
+				if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SO_TIMESTAMPNS) {
+					struct timespec ts;
+					memcpy(&ts, CMSG_DATA(c), sizeof(ts));
+					t = (int64_t)ts.tv_sec * 1000000000LL + ts.tv_nsec;
+				}
+			if (h.kind == KIND_END) {
+				total = h.total;
+				ended = 1;
+				break;
+			}
+			if (h.kind == KIND_BCAST) {
+				brx++;
+				if (h.seq <= count) {
+					if (bseen[h.seq]) {
+						bdups++;
+					} else {
+						buniq++;
+					}
+					if (bseen[h.seq] < 255)
+						bseen[h.seq]++;
+					if (bseen[h.seq] > bmax)
+						bmax = bseen[h.seq];
+				}
+				continue;
+			}
+			if (h.kind != KIND_DATA || h.seq >= count) {
+				foreign++;
+				continue;
+			}
+			rx++;
+			if (seen[h.seq]) {
+				dups++;
+				if (!first_dup)
+					first_dup = t;
+				continue;
+			}
+			seen[h.seq] = 1;
+			uniq++;
+			if (h.seq > highest)
+				highest = h.seq;
+			if (!first)
+				first = t;
+			if ((int64_t)h.seq < last_seq) {
+				reord++;
+			} else {
+				if (last_seq >= 0 && t - last >= GAP_MIN_NS && ngaps < MAX_GAPS) {
+					struct gap *g = &gaps[ngaps++];
+					g->start_ns = last;
+					g->len_ns = t - last;
+					g->seq = h.seq;
+					g->lost = h.seq - last_seq - 1;
+				}
+				if (last_seq >= 0 && t - last > max_gap)
+					max_gap = t - last;
+				last_seq = h.seq;
+				last = t;
+			}
+		}
+	}
+	FILE *o = fopen(argv[5], "w");
+	if (!o) {
+		perror(argv[5]);
+		return 2;
+	}
+	fprintf(o,
+		"{\"sent\": %llu, \"received\": %llu, \"unique\": %llu, \"lost\": %llu, \"duplicates\": %llu, "
+		"\"reordered\": %llu, \"bcast_received\": %llu, \"bcast_unique\": %llu, "
+		"\"bcast_duplicates\": %llu, \"bcast_max_copies\": %llu, \"foreign\": %llu, \"ended\": %d, "
+		"\"first\": %.9f, \"last\": %.9f, \"first_duplicate\": %.9f, \"max_gap\": %.9f,\n \"gaps\": [",
+		(unsigned long long)total, (unsigned long long)rx, (unsigned long long)uniq,
+		(unsigned long long)(total - (uniq < total ? uniq : total)), (unsigned long long)dups,
+		(unsigned long long)reord, (unsigned long long)brx, (unsigned long long)buniq,
+		(unsigned long long)bdups, (unsigned long long)bmax, (unsigned long long)foreign, ended, first / 1e9,
+		last / 1e9, first_dup / 1e9, max_gap / 1e9);
+	for (uint64_t i = 0; i < ngaps; i++)
+		fprintf(o, "%s\n  {\"start\": %.9f, \"len\": %.9f, \"seq\": %llu, \"lost\": %llu}", i ? "," : "",
+			gaps[i].start_ns / 1e9, gaps[i].len_ns / 1e9, (unsigned long long)gaps[i].seq,
+			(unsigned long long)gaps[i].lost);
+	fprintf(o, "]}\n");
+	fclose(o);
+	return 0;
+}
+
+int main(int argc, char **argv)
+{
+	if (argc > 1 && !strcmp(argv[1], "send"))
+		return do_send(argc, argv);
+	if (argc > 1 && !strcmp(argv[1], "recv"))
+		return do_recv(argc, argv);
+	fprintf(stderr, "usage: zlab_probe send|recv ...\n");
+	return 2;
+}
