@@ -93,6 +93,14 @@ int zalkv2_open_port_socket(zalkv2_port *port)
 {
 	if (!zalkv2_port_configured(*port))
 		return 0;
+	// A port whose name names no interface (index 0) stays a ring port
+	// whose link never comes up, but gets no socket: bound to index 0 a
+	// packet socket hears every interface, and each frame of the other
+	// ring ports would reach the ring logic a second time.
+	if (port->ifindex == 0) {
+		zlog(LOG_ERR, "Ring port %s is no interface\n", port->name);
+		return 1;
+	}
 	int fd = zalkv2_open_packet_socket();
 	if (fd < 0)
 		return 1;

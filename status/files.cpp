@@ -61,6 +61,10 @@ void write_port_state_files(int ins, int port, const char *dir)
 	write_text_file(dir, "physical_state", zalk_port_state_name(p.state));
 }
 
+// Files are rewritten in place, not renamed into place: each holds one
+// short value written with one call, so a reader that meets the moment of
+// truncation sees an empty file and simply reads again, and no temporary
+// file is ever left behind in the tree.
 FILE *open_status_file(const char *dir, const char *name)
 {
 	char path[STATUS_PATH_MAX + 32]; // a directory path and a short file name
