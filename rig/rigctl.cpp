@@ -11,16 +11,20 @@
 //   rigctl mst-show IFNAME...                "IFNAME MSTI STATE" lines
 //   rigctl mst-set IFNAME MSTI STATE         STATE as a number or a name
 //   rigctl mst-watch MS MSTI IFNAME...       state changes, at most MS milliseconds
+//   rigctl port-watch MS MSTI [NS/]IFNAME... port and MSTI states across namespaces
 //   rigctl vlan-global BRIDGE                "vid V msti M mcast_snooping S mcast_querier Q"
-//   rigctl send IFNAME DST VID COUNT         tagged frames (VID 0: untagged)
-//   rigctl count IFNAME DST MS               frames to DST seen in MS ms, with their VIDs
+//   rigctl send IFNAME DST VID COUNT [GAP]   tagged frames (VID 0: untagged), GAP ms apart
+//   rigctl count IFNAME DST MS               frames to DST seen in MS ms (or until
+//                                            SIGTERM), with their VIDs
 //   rigctl syslog FILE                       serve /dev/log into FILE
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <csignal>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <libmnl/libmnl.h>
 #include <linux/if_bridge.h>
 #include <linux/if_link.h>
@@ -28,7 +32,9 @@
 #include <linux/rtnetlink.h>
 #include <net/ethernet.h>
 #include <net/if.h>
+#include <memory>
 #include <poll.h>
+#include <sched.h>
 #include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -292,6 +298,174 @@ int cmd_mst_watch(long ms, unsigned msti, int argc, char **argv)
 	return 0;
 }
 
+// Signals the long-running commands act on: SIGTERM ends them early (they
+// still print what they have), SIGUSR1 asks port-watch for a mark.
+volatile sig_atomic_t stop_asked = 0;
+volatile sig_atomic_t marks_asked = 0;
+
+void on_signal(int sig)
+{
+	if (sig == SIGUSR1)
+		marks_asked = marks_asked + 1;
+	else
+		stop_asked = 1;
+}
+
+// No SA_RESTART: a blocking poll or sleep returns at once.
+void catch_signals()
+{
+	struct sigaction sa{};
+	sa.sa_handler = on_signal;
+	sigaction(SIGTERM, &sa, nullptr);
+	sigaction(SIGINT, &sa, nullptr);
+	sigaction(SIGUSR1, &sa, nullptr);
+}
+
+struct port_dump {
+	std::string name;
+	int state = -1;
+	std::vector<std::pair<unsigned, unsigned>> mst;
+};
+
+int port_link_cb(const nlmsghdr *h, void *data)
+{
+	auto *out = (std::vector<port_dump> *)data;
+	port_dump d;
+	const nlattr *a;
+	attr_each(a, h, sizeof(ifinfomsg)) {
+		switch (mnl_attr_get_type(a)) {
+		case IFLA_IFNAME:
+			d.name = mnl_attr_get_str(a);
+			break;
+		case IFLA_PROTINFO: {
+			const nlattr *f;
+			attr_each_nested(f, a) {
+				if (mnl_attr_get_type(f) == IFLA_BRPORT_STATE)
+					d.state = mnl_attr_get_u8(f);
+			}
+			break;
+		}
+		case IFLA_AF_SPEC: {
+			const nlattr *m;
+			attr_each_nested(m, a) {
+				if (mnl_attr_get_type(m) != IFLA_BRIDGE_MST)
+					continue;
+				const nlattr *e;
+				attr_each_nested(e, m) {
+					unsigned msti = 0, st = 99;
+					const nlattr *f;
+					attr_each_nested(f, e) {
+						if (mnl_attr_get_type(f) == IFLA_BRIDGE_MST_ENTRY_MSTI)
+							msti = mnl_attr_get_u16(f);
+						else if (mnl_attr_get_type(f) == IFLA_BRIDGE_MST_ENTRY_STATE)
+							st = mnl_attr_get_u8(f);
+					}
+					d.mst.emplace_back(msti, st);
+				}
+			}
+			break;
+		}
+		}
+	}
+	out->push_back(d);
+	return MNL_CB_OK;
+}
+
+// Bridge ports of several network namespaces sampled together, so that
+// the order of their changes can be read off one clock. A port is IFNAME
+// (this namespace) or NS/IFNAME (the namespace /run/netns/NS). Each round
+// reads the namespaces in the order they first appear in the list, then
+// prints "MS PORT=STATE/MSTISTATE ..." (the plain port state and the
+// state in MSTI; NONE where the port or the MSTI is missing) if anything
+// changed, or when a SIGUSR1 asked for a mark (" mark N" appended).
+// Listing the ports that must change last (say, members before the port
+// a focal point blocks first) last makes an order seen in one round
+// trustworthy: what is read later cannot be older. Ends after MS ms or
+// at SIGTERM.
+int cmd_port_watch(long ms, unsigned msti, int argc, char **argv)
+{
+	struct ns_sock {
+		std::string ns;
+		std::unique_ptr<nl> sock;
+	};
+	std::vector<ns_sock> socks;
+	std::vector<size_t> sock_of(argc);
+	std::vector<std::string> ifname(argc);
+	int home = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+	if (home < 0)
+		return die("own network namespace");
+	for (int i = 0; i < argc; i++) {
+		std::string arg = argv[i];
+		size_t slash = arg.find('/');
+		std::string ns = slash == std::string::npos ? "" : arg.substr(0, slash);
+		ifname[i] = slash == std::string::npos ? arg : arg.substr(slash + 1);
+		size_t k = 0;
+		while (k < socks.size() && socks[k].ns != ns)
+			k++;
+		if (k == socks.size()) {
+			// A netlink socket stays in the namespace it was made in.
+			if (!ns.empty()) {
+				int fd = open(("/run/netns/" + ns).c_str(), O_RDONLY | O_CLOEXEC);
+				if (fd < 0 || setns(fd, CLONE_NEWNET) < 0)
+					return die(("namespace " + ns).c_str());
+				close(fd);
+			}
+			socks.push_back({ns, std::make_unique<nl>()});
+			bool ok = socks.back().sock->open();
+			if (!ns.empty() && setns(home, CLONE_NEWNET) < 0)
+				return die("back to own namespace");
+			if (!ok)
+				return die("netlink");
+		}
+		sock_of[i] = k;
+	}
+	close(home);
+	catch_signals();
+	std::string last;
+	int marked = 0;
+	long start = now_ms();
+	while (!stop_asked && now_ms() - start < ms) {
+		std::vector<std::vector<port_dump>> dumps(socks.size());
+		for (size_t k = 0; k < socks.size(); k++) {
+			char buf[MNL_SOCKET_BUFFER_SIZE];
+			nlmsghdr *h = mnl_nlmsg_put_header(buf);
+			h->nlmsg_type = RTM_GETLINK;
+			h->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+			auto *ifi = (ifinfomsg *)mnl_nlmsg_put_extra_header(h, sizeof(ifinfomsg));
+			ifi->ifi_family = AF_BRIDGE;
+			mnl_attr_put_u32(h, IFLA_EXT_MASK, RTEXT_FILTER_MST);
+			if (socks[k].sock->talk(h, port_link_cb, &dumps[k]) < 0)
+				return die("port dump");
+		}
+		std::string line;
+		for (int i = 0; i < argc; i++) {
+			std::string port = "NONE", mst = "NONE";
+			for (auto &d : dumps[sock_of[i]]) {
+				if (d.name != ifname[i])
+					continue;
+				if (d.state >= 0)
+					port = state_name((unsigned)d.state);
+				for (auto &e : d.mst)
+					if (e.first == msti)
+						mst = state_name(e.second);
+			}
+			line += " " + std::string(argv[i]) + "=" + port + "/" + mst;
+		}
+		int want = marks_asked;
+		if (line != last || want != marked) {
+			printf("%ld%s", now_ms() - start, line.c_str());
+			if (want != marked)
+				printf(" mark %d", want);
+			printf("\n");
+			fflush(stdout);
+			last = line;
+			marked = want;
+		}
+		usleep(10000);
+	}
+	return 0;
+}
+
 struct vlan_opts {
 	unsigned vid = 0, range = 0, msti = 0, snooping = 99, querier = 99;
 };
@@ -373,7 +547,7 @@ int packet_socket(const char *ifname, int &idx)
 
 // 64-byte frames with an LLC/SNAP payload, 802.1Q-tagged with priority 7
 // like the protocol's own frames, from a locally administered source.
-int cmd_send(const char *ifname, const char *dst, int vid, int count)
+int cmd_send(const char *ifname, const char *dst, int vid, int count, long gap_ms)
 {
 	uint8_t f[64] = {};
 	if (!parse_mac(dst, f))
@@ -396,9 +570,12 @@ int cmd_send(const char *ifname, const char *dst, int vid, int count)
 	int fd = packet_socket(ifname, idx);
 	if (fd < 0)
 		return die("packet socket");
-	for (int i = 0; i < count; i++)
+	for (int i = 0; i < count; i++) {
+		if (i && gap_ms)
+			usleep((useconds_t)gap_ms * 1000);
 		if (send(fd, f, sizeof f, 0) != (ssize_t)sizeof f)
 			return die("send");
+	}
 	close(fd);
 	return 0;
 }
@@ -416,10 +593,11 @@ int cmd_count(const char *ifname, const char *dst, long ms)
 		return die("packet socket");
 	int one = 1;
 	setsockopt(fd, SOL_PACKET, PACKET_AUXDATA, &one, sizeof one);
+	catch_signals();
 	long start = now_ms();
 	int total = 0;
 	std::vector<int> vids;
-	for (long left; (left = ms - (now_ms() - start)) > 0;) {
+	for (long left; !stop_asked && (left = ms - (now_ms() - start)) > 0;) {
 		pollfd p{fd, POLLIN, 0};
 		if (poll(&p, 1, (int)left) <= 0)
 			continue;
@@ -485,7 +663,8 @@ int cmd_syslog(const char *path)
 int usage()
 {
 	fprintf(stderr, "usage: rigctl mst-enable BR | mst-show [IF...] | mst-set IF MSTI STATE |\n"
-			"       mst-watch MS MSTI IF... | vlan-global BR | send IF DST VID COUNT |\n"
+			"       mst-watch MS MSTI IF... | port-watch MS MSTI [NS/]IF... | vlan-global BR |\n"
+			"       send IF DST VID COUNT [GAP_MS] |\n"
 			"       count IF DST MS | syslog FILE\n");
 	return 2;
 }
@@ -507,8 +686,10 @@ int main(int argc, char **argv)
 		return cmd_mst_watch(atol(argv[2]), (unsigned)atoi(argv[3]), argc - 4, argv + 4);
 	if (c == "vlan-global" && argc == 3)
 		return cmd_vlan_global(argv[2]);
-	if (c == "send" && argc == 6)
-		return cmd_send(argv[2], argv[3], atoi(argv[4]), atoi(argv[5]));
+	if (c == "port-watch" && argc >= 5)
+		return cmd_port_watch(atol(argv[2]), (unsigned)atoi(argv[3]), argc - 4, argv + 4);
+	if (c == "send" && (argc == 6 || argc == 7))
+		return cmd_send(argv[2], argv[3], atoi(argv[4]), atoi(argv[5]), argc == 7 ? atol(argv[6]) : 0);
 	if (c == "count" && argc == 5)
 		return cmd_count(argv[2], argv[3], atol(argv[4]));
 	if (c == "syslog" && argc == 3)

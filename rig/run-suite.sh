@@ -10,9 +10,10 @@ RIG_DIR=$(cd "$(dirname "$0")" && pwd)
 [ $# -eq 1 ] || { echo "usage: $0 BUILD_DIR" >&2; exit 2; }
 BUILD=$(cd "$1" && pwd)
 
-# The daemon and the rig's netlink tool; a no-op after a full build.
-cmake --build "$BUILD" --target zalkv2d rigctl >/dev/null ||
-	{ echo "rig: cannot build zalkv2d and rigctl in $BUILD" >&2; exit 1; }
+# The daemon, its lab build and the rig's netlink tool; a no-op after a
+# full build.
+cmake --build "$BUILD" --target zalkv2d zalkv2d-lab rigctl >/dev/null ||
+	{ echo "rig: cannot build zalkv2d, zalkv2d-lab and rigctl in $BUILD" >&2; exit 1; }
 # The cache is made once, before guests start side by side.
 "$RIG_DIR/prepare.sh" >/dev/null || { echo "rig: FAILED TO START: preparation failed" >&2; exit 1; }
 

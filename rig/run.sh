@@ -10,6 +10,7 @@
 # with /bin/sh as root in a fresh tmpfs root. Inside, the script finds:
 #   RIG_SRC, RIG_BUILD   the source and build trees
 #   ZALKV2D, RIGCTL      the built daemon and the rig's netlink tool
+#   ZALKV2D_LAB          the daemon's lab build (BLOCKING set as DISABLED)
 #   RIG_JOB              a directory that survives the guest (read-write)
 # and a fake `runlevel` first in PATH that prints "N $(cat /run/rig-runlevel)"
 # (5 when that file is missing).

@@ -4,10 +4,11 @@
 . /rig-job/env
 RIG_JOB=/rig-job
 ZALKV2D=$RIG_BUILD/zalkv2d
+ZALKV2D_LAB=$RIG_BUILD/zalkv2d-lab
 RIGCTL=$RIG_BUILD/rig/rigctl
 PATH=$RIG_SRC/rig/guest/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
 HOME=/root
-export RIG_SRC RIG_BUILD RIG_JOB ZALKV2D RIGCTL PATH HOME
+export RIG_SRC RIG_BUILD RIG_JOB ZALKV2D ZALKV2D_LAB RIGCTL PATH HOME
 mount -t devpts devpts /dev/pts 2>/dev/null
 # The kernel asks this helper whether user space runs STP on a bridge of
 # the initial namespace; saying yes is what lets the daemon's port states
