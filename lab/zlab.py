@@ -398,10 +398,16 @@ class Lab:
 		if debug is not None:
 			self.write_file(s, '/run/zalkv2/debug', str(debug))
 		log = open(os.path.join(self.swdir(s), 'daemon.log'), 'ab')
+		# The binary is handed over as an open file: in the switch's own
+		# mount namespace /tmp, /run and /etc are other directories, and a
+		# build tree below one of them would not be found by its path.
+		exe = os.open(os.path.abspath(self.daemon), os.O_RDONLY | os.O_CLOEXEC)
 		p = subprocess.Popen(['nsenter', '--net=/run/netns/' + self.ns(s),
 				      '--mount=' + os.path.join(self.state, 'mnt', s),
-				      os.path.abspath(self.daemon)],
-				     stdin=subprocess.DEVNULL, stdout=log, stderr=log, start_new_session=True)
+				      '/proc/self/fd/%d' % exe],
+				     stdin=subprocess.DEVNULL, stdout=log, stderr=log, start_new_session=True,
+				     pass_fds=(exe,))
+		os.close(exe)
 		log.close()
 		self.pids[s] = p.pid
 		self.save()

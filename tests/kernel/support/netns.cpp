@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <net/if.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -183,10 +184,22 @@ static void enter_namespaces()
 		die("unshare(CLONE_NEWNET|CLONE_NEWNS) (kernel tests need root)");
 	if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr))
 		die("make / private");
+	// A build tree below /var/run or /tmp (a checkout in /tmp, say) must
+	// stay reachable under its own path once those are private tmpfs.
+	int build_dir = open(ZALK_BUILD_DIR, O_PATH | O_DIRECTORY | O_CLOEXEC);
+	if (build_dir < 0)
+		die("open " ZALK_BUILD_DIR);
 	if (mount("zalk-run", "/var/run", "tmpfs", 0, "mode=0755"))
 		die("tmpfs on /var/run");
 	if (mount("zalk-tmp", "/tmp", "tmpfs", 0, "mode=1777"))
 		die("tmpfs on /tmp");
+	if (access(ZALK_BUILD_DIR, F_OK)) {
+		char from[64];
+		snprintf(from, sizeof(from), "/proc/self/fd/%d", build_dir);
+		if (sh("mkdir -p '%s'", ZALK_BUILD_DIR) || mount(from, ZALK_BUILD_DIR, nullptr, MS_BIND | MS_REC, nullptr))
+			die("keeping the build tree at " ZALK_BUILD_DIR);
+	}
+	close(build_dir);
 	mkdir("/tmp/.etc-upper", 0755);
 	mkdir("/tmp/.etc-work", 0755);
 	if (mount("zalk-etc", "/etc", "overlay", 0,
