@@ -114,8 +114,9 @@ for s in s1 s2 s3; do
 	ns="ip netns exec $s"
 	bin=$ZALKV2D_LAB
 	[ $s = s1 ] && ns="unshare -m" && bin=$ZALKV2D
-	$ns sh -c "mount -t tmpfs run /run && mount -t tmpfs tmp /tmp &&
-		mount --bind /etc/rig-$s.conf /etc/zalkv2d.conf && exec \"$bin\"" > /tmp/zalkv2d-$s.out 2>&1 &
+	# (the binary is kept open across the mounts: the build tree may lie below /tmp)
+	$ns sh -c "exec 9<\"$bin\" && mount -t tmpfs run /run && mount -t tmpfs tmp /tmp &&
+		mount --bind /etc/rig-$s.conf /etc/zalkv2d.conf && exec /proc/self/fd/9" > /tmp/zalkv2d-$s.out 2>&1 &
 	eval D$s=$!
 done
 
