@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 #include <dirent.h>
 #include <sys/stat.h>
 
@@ -64,37 +66,40 @@ void write_port_state_files(int ins, int port, const char *dir)
 // Files are rewritten in place, not renamed into place: each holds one
 // short value written with one call, so a reader that meets the moment of
 // truncation sees an empty file and simply reads again, and no temporary
-// file is ever left behind in the tree.
-FILE *open_status_file(const char *dir, const char *name)
+// file is ever left behind in the tree. A ring state change writes a dozen
+// of them before the focal point's answer leaves, so each is one open, one
+// write and one close, without stdio's buffer and status call.
+int write_status_file(const char *dir, const char *name, const char *text)
 {
 	char path[STATUS_PATH_MAX + 32]; // a directory path and a short file name
 	snprintf(path, sizeof(path), "%s/%s", dir, name);
-	FILE *f = fopen(path, "w");
-	if (!f)
+	int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+	if (fd < 0) {
 		zlog(LOG_ERR, "ERROR: %s Could not create file %s\n", strerror(errno), path);
-	return f;
+		return -1;
+	}
+	ssize_t len = (ssize_t)strlen(text);
+	ssize_t n = write(fd, text, (size_t)len);
+	close(fd);
+	if (n != len) {
+		zlog(LOG_ERR, "ERROR: %s Could not create file %s\n", strerror(n < 0 ? errno : EIO), path);
+		return -1;
+	}
+	return 0;
 }
 
 } // namespace
 
 int write_text_file(const char *dir, const char *name, const char *text)
 {
-	FILE *f = open_status_file(dir, name);
-	if (!f)
-		return -1;
-	fputs(text, f);
-	fclose(f);
-	return 0;
+	return write_status_file(dir, name, text);
 }
 
 int write_number_file(const char *dir, const char *name, long number)
 {
-	FILE *f = open_status_file(dir, name);
-	if (!f)
-		return -1;
-	fprintf(f, "%ld", number);
-	fclose(f);
-	return 0;
+	char text[24];
+	snprintf(text, sizeof(text), "%ld", number);
+	return write_status_file(dir, name, text);
 }
 
 int zalk_port_logical_state(int ins, int port)
