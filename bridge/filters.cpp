@@ -194,6 +194,22 @@ int zalkv2_block_ring_macs(int ins, int ifindex, int add)
 	return ret;
 }
 
+namespace {
+
+// Every configured ring port of every enabled instance, in table order.
+template <typename F> void for_each_ring_port(F visit)
+{
+	for (const zalkv2_instance &in : instances) {
+		if (!in.enabled)
+			continue;
+		for (const zalkv2_port &port : in.port)
+			if (zalkv2_port_configured(port))
+				visit(port);
+	}
+}
+
+} // namespace
+
 void zalkv2_block_foreign_ring(int ring_id, int add)
 {
 	uint8_t g1[6], g2[6];
@@ -201,16 +217,10 @@ void zalkv2_block_foreign_ring(int ring_id, int add)
 	zalkv2_group_address(ring_id, 2, g2);
 
 	int ret = 0;
-	for (const zalkv2_instance &in : instances) {
-		if (!in.enabled)
-			continue;
-		for (const zalkv2_port &port : in.port) {
-			if (!zalkv2_port_configured(port))
-				continue;
-			ret += zalkv2_tc_mac_filter(2, port.ifindex, "802.1Q", g1, add, 0, ZALK_MGNT_VLAN);
-			ret += zalkv2_tc_mac_filter(2, port.ifindex, "802.1Q", g2, add, 0, ZALK_MGNT_VLAN);
-		}
-	}
+	for_each_ring_port([&](const zalkv2_port &port) {
+		ret += zalkv2_tc_mac_filter(2, port.ifindex, "802.1Q", g1, add, 0, ZALK_MGNT_VLAN);
+		ret += zalkv2_tc_mac_filter(2, port.ifindex, "802.1Q", g2, add, 0, ZALK_MGNT_VLAN);
+	});
 	if (ret)
 		zlog(LOG_ERR, "Could not block mac addresses for unconfigured ring id\n\n");
 }
@@ -235,19 +245,13 @@ void zalkv2_block_v0_macs(int add)
 	};
 
 	int ret = 0;
-	for (const zalkv2_instance &in : instances) {
-		if (!in.enabled)
-			continue;
-		for (const zalkv2_port &port : in.port) {
-			if (!zalkv2_port_configured(port))
-				continue;
-			char dev[sizeof(port.name) + 1];
-			snprintf(dev, sizeof(dev), "%.*s", (int)sizeof(port.name), port.name);
-			for (const v0_filter &f : v0_filters)
-				ret += zalkv2_tc_write_filter(dev, add ? "add" : "del", "802.1Q", f.prio, "", f.mac,
-							      "vlan_id 4021");
-		}
-	}
+	for_each_ring_port([&](const zalkv2_port &port) {
+		char dev[sizeof(port.name) + 1];
+		snprintf(dev, sizeof(dev), "%.*s", (int)sizeof(port.name), port.name);
+		for (const v0_filter &f : v0_filters)
+			ret += zalkv2_tc_write_filter(dev, add ? "add" : "del", "802.1Q", f.prio, "", f.mac,
+						      "vlan_id 4021");
+	});
 	if (ret)
 		zlog(LOG_ERR, "Block zalkv0 macs failed\n\n");
 }

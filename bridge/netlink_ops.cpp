@@ -131,7 +131,11 @@ int zalkv2_bridge_vlan(int ifindex, uint16_t vid, int master, int add)
 	return rtnl_talk(&bridge_rth, &req.n, nullptr);
 }
 
-int zalkv2_vlan_global_opt(int br_ifindex, uint16_t vid, int option, uint8_t value)
+namespace {
+
+// One global option of a bridge VLAN: the nest holds the VLAN id, then the
+// option as an 8- or 16-bit value.
+int vlan_global_request(int br_ifindex, uint16_t vid, int option, uint16_t value, bool wide)
 {
 	bridge_req<struct br_vlan_msg> req;
 	req_init(req, RTM_NEWVLAN, NLM_F_REQUEST);
@@ -139,22 +143,24 @@ int zalkv2_vlan_global_opt(int br_ifindex, uint16_t vid, int option, uint8_t val
 	req.fam.ifindex = (uint32_t)br_ifindex;
 	struct rtattr *opts = addattr_nest(&req.n, sizeof(req), BRIDGE_VLANDB_GLOBAL_OPTIONS | NLA_F_NESTED);
 	addattr16(&req.n, sizeof(req), BRIDGE_VLANDB_GOPTS_ID, vid);
-	addattr8(&req.n, sizeof(req), option, value);
+	if (wide)
+		addattr16(&req.n, sizeof(req), option, value);
+	else
+		addattr8(&req.n, sizeof(req), option, (uint8_t)value);
 	addattr_nest_end(&req.n, opts);
 	return rtnl_talk(&bridge_rth, &req.n, nullptr);
 }
 
+} // namespace
+
+int zalkv2_vlan_global_opt(int br_ifindex, uint16_t vid, int option, uint8_t value)
+{
+	return vlan_global_request(br_ifindex, vid, option, value, false);
+}
+
 int zalkv2_vlan_set_msti(int br_ifindex)
 {
-	bridge_req<struct br_vlan_msg> req;
-	req_init(req, RTM_NEWVLAN, NLM_F_REQUEST);
-	req.fam.family = AF_BRIDGE;
-	req.fam.ifindex = (uint32_t)br_ifindex;
-	struct rtattr *opts = addattr_nest(&req.n, sizeof(req), BRIDGE_VLANDB_GLOBAL_OPTIONS | NLA_F_NESTED);
-	addattr16(&req.n, sizeof(req), BRIDGE_VLANDB_GOPTS_ID, ZALK_MGNT_VLAN);
-	addattr16(&req.n, sizeof(req), BRIDGE_VLANDB_GOPTS_MSTI, ZALK_MGNT_VLAN);
-	addattr_nest_end(&req.n, opts);
-	return rtnl_talk(&bridge_rth, &req.n, nullptr);
+	return vlan_global_request(br_ifindex, ZALK_MGNT_VLAN, BRIDGE_VLANDB_GOPTS_MSTI, ZALK_MGNT_VLAN, true);
 }
 
 int zalkv2_mdb_entry(int br_ifindex, int port_ifindex, const uint8_t mac[6], uint16_t vid, int add)
