@@ -123,6 +123,18 @@ int ifindex_of(const char *name)
 	return (int)i;
 }
 
+// A link request or dump: netlink header and ifinfomsg, attributes follow.
+nlmsghdr *link_request(char *buf, uint16_t type, uint16_t flags, uint8_t family, int ifindex)
+{
+	nlmsghdr *h = mnl_nlmsg_put_header(buf);
+	h->nlmsg_type = type;
+	h->nlmsg_flags = flags;
+	auto *ifi = (ifinfomsg *)mnl_nlmsg_put_extra_header(h, sizeof(ifinfomsg));
+	ifi->ifi_family = family;
+	ifi->ifi_index = ifindex;
+	return h;
+}
+
 // MST mode needs VLAN filtering and must be switched on before any port
 // VLAN exists; per-VLAN multicast snooping goes on with it, as a switch
 // running the ring protocol has it.
@@ -135,12 +147,7 @@ int cmd_mst_enable(const char *br)
 	if (!n.open())
 		return die("netlink");
 	char buf[MNL_SOCKET_BUFFER_SIZE];
-	nlmsghdr *h = mnl_nlmsg_put_header(buf);
-	h->nlmsg_type = RTM_NEWLINK;
-	h->nlmsg_flags = NLM_F_REQUEST;
-	auto *ifi = (ifinfomsg *)mnl_nlmsg_put_extra_header(h, sizeof(ifinfomsg));
-	ifi->ifi_family = AF_UNSPEC;
-	ifi->ifi_index = idx;
+	nlmsghdr *h = link_request(buf, RTM_NEWLINK, NLM_F_REQUEST, AF_UNSPEC, idx);
 	nlattr *li = mnl_attr_nest_start(h, IFLA_LINKINFO);
 	mnl_attr_put_strz(h, IFLA_INFO_KIND, "bridge");
 	nlattr *data = mnl_attr_nest_start(h, IFLA_INFO_DATA);
@@ -164,12 +171,7 @@ int cmd_mst_set(const char *ifname, const char *msti_text, const char *state_tex
 	if (!n.open())
 		return die("netlink");
 	char buf[MNL_SOCKET_BUFFER_SIZE];
-	nlmsghdr *h = mnl_nlmsg_put_header(buf);
-	h->nlmsg_type = RTM_SETLINK;
-	h->nlmsg_flags = NLM_F_REQUEST;
-	auto *ifi = (ifinfomsg *)mnl_nlmsg_put_extra_header(h, sizeof(ifinfomsg));
-	ifi->ifi_family = AF_BRIDGE;
-	ifi->ifi_index = idx;
+	nlmsghdr *h = link_request(buf, RTM_SETLINK, NLM_F_REQUEST, AF_BRIDGE, idx);
 	nlattr *af = mnl_attr_nest_start(h, IFLA_AF_SPEC);
 	nlattr *mst = mnl_attr_nest_start(h, IFLA_BRIDGE_MST);
 	nlattr *e = mnl_attr_nest_start(h, IFLA_BRIDGE_MST_ENTRY);
@@ -228,11 +230,7 @@ int mst_link_cb(const nlmsghdr *h, void *data)
 int dump_mst(nl &n, std::vector<mst_entry> &out)
 {
 	char buf[MNL_SOCKET_BUFFER_SIZE];
-	nlmsghdr *h = mnl_nlmsg_put_header(buf);
-	h->nlmsg_type = RTM_GETLINK;
-	h->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-	auto *ifi = (ifinfomsg *)mnl_nlmsg_put_extra_header(h, sizeof(ifinfomsg));
-	ifi->ifi_family = AF_BRIDGE;
+	nlmsghdr *h = link_request(buf, RTM_GETLINK, NLM_F_REQUEST | NLM_F_DUMP, AF_BRIDGE, 0);
 	mnl_attr_put_u32(h, IFLA_EXT_MASK, RTEXT_FILTER_MST);
 	return n.talk(h, mst_link_cb, &out);
 }
@@ -428,11 +426,7 @@ int cmd_port_watch(long ms, unsigned msti, int argc, char **argv)
 		std::vector<std::vector<port_dump>> dumps(socks.size());
 		for (size_t k = 0; k < socks.size(); k++) {
 			char buf[MNL_SOCKET_BUFFER_SIZE];
-			nlmsghdr *h = mnl_nlmsg_put_header(buf);
-			h->nlmsg_type = RTM_GETLINK;
-			h->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-			auto *ifi = (ifinfomsg *)mnl_nlmsg_put_extra_header(h, sizeof(ifinfomsg));
-			ifi->ifi_family = AF_BRIDGE;
+			nlmsghdr *h = link_request(buf, RTM_GETLINK, NLM_F_REQUEST | NLM_F_DUMP, AF_BRIDGE, 0);
 			mnl_attr_put_u32(h, IFLA_EXT_MASK, RTEXT_FILTER_MST);
 			if (socks[k].sock->talk(h, port_link_cb, &dumps[k]) < 0)
 				return die("port dump");
