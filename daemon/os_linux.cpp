@@ -2,12 +2,14 @@
 #include "daemon/os.h"
 
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <net/if.h>
 #include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/sysinfo.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -55,7 +57,27 @@ int os_close(int fd) { return close(fd); }
 
 unsigned os_if_nametoindex(const char *name) { return if_nametoindex(name); }
 
-char *os_if_indextoname(unsigned ifindex, char *name) { return if_indextoname(ifindex, name); }
+// The C library opens and closes a socket for every lookup; the status
+// files look names up on every ring state change, so keep one open.
+char *os_if_indextoname(unsigned ifindex, char *name)
+{
+	static int fd = -1;
+	if (fd < 0)
+		fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+	if (fd < 0)
+		return if_indextoname(ifindex, name);
+	struct ifreq ifr;
+	memset(&ifr, 0, sizeof(ifr));
+	ifr.ifr_ifindex = (int)ifindex;
+	if (ioctl(fd, SIOCGIFNAME, &ifr) < 0) {
+		if (errno == ENODEV)
+			errno = ENXIO; // as if_indextoname says it
+		return nullptr;
+	}
+	memcpy(name, ifr.ifr_name, IF_NAMESIZE);
+	name[IF_NAMESIZE - 1] = 0;
+	return name;
+}
 
 int os_ioctl(int fd, unsigned long request, void *arg) { return ioctl(fd, request, arg); }
 

@@ -105,6 +105,14 @@ int zalkv2_open_port_socket(zalkv2_port *port)
 	if (fd < 0)
 		return 1;
 	port->sock = fd;
+	// A port socket hears what arrives on its port. Without this it also
+	// hears every frame leaving the port: our own (dropped below by their
+	// tag) and, on a bridge forwarding in software, each protocol frame
+	// the bridge passes on from the other ring port, which would then be
+	// handled twice, once as if it had arrived here. packet_rcv drops such
+	// copies too, for kernels without the option.
+	int one = 1;
+	os_setsockopt(fd, SOL_PACKET, PACKET_IGNORE_OUTGOING, &one, sizeof(one));
 
 	sockaddr_ll sll;
 	memset(&sll, 0, sizeof(sll));
@@ -190,6 +198,8 @@ void packet_rcv(struct ev_loop *, ev_io *w, int)
 		zlog(LOG_ERR, "recvfrom failed: %m\n\n");
 		return;
 	}
+	if (from.sll_pkttype == PACKET_OUTGOING)
+		return; // sent out of this port, not received on it
 	zalkv2_handle_frame(from.sll_ifindex, buf, (size_t)n);
 }
 

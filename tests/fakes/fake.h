@@ -22,6 +22,7 @@ struct LogLine {
 struct Frame {
 	int ifindex;               // sll_ifindex the frame was addressed to
 	std::vector<uint8_t> bytes;
+	unsigned char pkttype = 0; // sll_pkttype handed out with a received frame
 };
 
 struct Iface {

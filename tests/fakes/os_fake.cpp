@@ -195,6 +195,7 @@ ssize_t os_recvfrom(int, void *buf, size_t len, int, struct sockaddr *from, sock
 		sockaddr_ll sll{};
 		sll.sll_family = AF_PACKET;
 		sll.sll_ifindex = f.ifindex;
+		sll.sll_pkttype = f.pkttype;
 		memcpy(from, &sll, sizeof(sll));
 		*fromlen = sizeof(sll);
 	}

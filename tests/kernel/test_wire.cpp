@@ -88,6 +88,19 @@ TEST(PacketSocket, ProtocolFramesArriveUntaggedNothingElseReachesUserSpace)
 	EXPECT_EQ(bytes(buf, buf + n), want);
 	EXPECT_FALSE(readable(rx.sock, 100));
 
+	// A frame leaving the port is not received on it, even untagged (as
+	// a bridge forwarding in software would send it on).
+	int ignore = 0;
+	socklen_t ilen = sizeof(ignore);
+	ASSERT_EQ(getsockopt(rx.sock, SOL_PACKET, PACKET_IGNORE_OUTGOING, &ignore, &ilen), 0);
+	EXPECT_EQ(ignore, 1);
+	uint8_t plain[ZALK_FRAME_LEN] = {};
+	memcpy(plain, t, 12);
+	memcpy(plain + 12, t + 16, ZALK_FRAME_LEN - 16);
+	rx.operstate = ZALK_OPER_UP;
+	packet_send(&rx, plain, sizeof(plain));
+	EXPECT_FALSE(readable(rx.sock, 200));
+
 	zalkv2_close_port_socket(&rx);
 	EXPECT_EQ(rx.sock, 0);
 	sh("ip link del zk0");

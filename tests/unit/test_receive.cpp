@@ -1,5 +1,7 @@
 // The receive path: frames as the kernel hands them over (tag stripped)
 // become the right events, or are dropped for the right reasons.
+#include <linux/if_packet.h>
+
 #include "tests/fakes/fixture.h"
 
 using namespace fx;
@@ -155,6 +157,21 @@ TEST_F(Receive, ShortFramesNeverReadStaleBytes)
 
 	packet_rcv(nullptr, &w, EV_READ); // nothing to read: an error line, nothing else
 	EXPECT_EQ(fake::logs, (std::vector<fake::LogLine>{{LOG_ERR, "recvfrom failed: Resource temporarily unavailable\n\n"}}));
+}
+
+// A frame the bridge passes on from the other ring port is seen leaving
+// this one; it was not received here and must not count twice.
+TEST_F(Receive, CopiesLeavingThePortAreNotReceivedOnIt)
+{
+	make_ring(0, RING_TYPE_MEMBER);
+	ev_io w;
+	w.fd = 100;
+	fake::rx_queue.push_back({12, link_response(3, 1, OTHER, OTHER), PACKET_OUTGOING});
+	fake::rx_queue.push_back({11, link_response(3, 1, OTHER, OTHER), PACKET_MULTICAST});
+	packet_rcv(nullptr, &w, EV_READ);
+	packet_rcv(nullptr, &w, EV_READ);
+	EXPECT_EQ(events(), "0:FLUSH_FDB");
+	EXPECT_TRUE(fake::logs.empty());
 }
 
 TEST_F(Receive, FramesFromOtherInterfacesAndDebugLines)
