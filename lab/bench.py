@@ -4,11 +4,16 @@
   lab/bench.py build/zalkv2d [--sizes 4,8,16] [--reps 10] [--stp-reps 10]
                [--idle 60] [--out bench-results]
 
-For each ring size: the traffic-carrying link next to the focal point's
-open port is cut and healed --reps times under 10,000 frames/s; failover
-and restore interruptions are summarised (min/median/p95/max). The same
-is done with the Linux bridge's own STP (shortest timers it allows) on the
-same topology as the baseline. Then the resident memory and CPU time of
+For each ring size, and for each of the focal point's ports as the open
+one: the traffic-carrying link at the focal point's open port is cut
+(carrier loss, the focal point's end set down) and healed --reps times
+under 10,000 frames/s; failover and restore interruptions are summarised
+(min/median/p95/max) with the frames lost in each. The two orientations
+differ in one respect only: the focal point answers a returning link with
+Link Responses out of port A first, so the returning member hears its
+answer first (open port A) or last (open port B), after every other
+member. The same is done with the Linux bridge's own STP (shortest timers
+it allows) on the same topology as the baseline. Then the resident memory and CPU time of
 each daemon over --idle seconds of an idle closed ring at default timers,
 and the time an unchanged SIGHUP blocks a daemon's event loop. Writes
 OUT.json and OUT.svg (a plot drawn without extra packages).
@@ -33,42 +38,53 @@ def summary(xs):
 	return dict(n=len(xs), min=xs[0], median=statistics.median(xs), p95=p95, max=xs[-1])
 
 
-def cut_heal_runs(lab, reps, settle_cut, settle_heal, ready):
-	"""Cuts L1 (s1 port B - s2 port A, on the traffic path h1 -> h2...)
-	reps times under traffic; returns failover and restore gaps in ms."""
-	fail, rest, dups = [], [], 0
+def cut_heal_runs(lab, reps, settle_cut, settle_heal, ready, link='L1', end='a'):
+	"""Cuts the link (L1: s1 port B - s2 port A, on the traffic path h1 ->
+	h2...) reps times under traffic at the given end; returns failover and
+	restore gaps in ms with the frames lost in each, the duplicates and
+	the most copies of one broadcast frame."""
+	fail, rest = [], []
 	per = settle_cut + settle_heal
 	tr = lab.traffic('h1', 'h%d' % ready['dst'], rate=10000, seconds=reps * per + 6.0)
 	time.sleep(1.0)
 	ev = []
 	for _ in range(reps):
-		tc = lab.cut('L1')
+		tc = lab.cut(link, end)
 		time.sleep(settle_cut)
-		th = lab.heal('L1')
+		th = lab.heal(link)
 		time.sleep(settle_heal)
 		ev += [tc, th]
 	r = tr.result()
 	for i in range(0, len(ev), 2):
 		nxt = ev[i + 2] if i + 2 < len(ev) else None
-		fail.append(zlab.interruption(r, ev[i], ev[i + 1])[0] * 1e3)
-		rest.append(zlab.interruption(r, ev[i + 1], nxt)[0] * 1e3)
+		fail.append(zlab.interruption(r, ev[i], ev[i + 1]))
+		rest.append(zlab.interruption(r, ev[i + 1], nxt))
 	return fail, rest, r['duplicates'], r['bcast_max_copies']
 
 
-def ring_topo(n, **opt):
-	# focal s1 blocks port A (link Ln to the last switch); hosts on s1 and
-	# s(n/2+1): the traffic runs over L1 first
-	return zlab.make_ring(n, blocked='A', hosts=(1, n // 2 + 1), **opt)
+def ring_topo(n, blocked='A', **opt):
+	# focal s1 blocks one port; hosts on s1 and s(n/2+1): the traffic runs
+	# over the focal point's other port
+	return zlab.make_ring(n, blocked=blocked, hosts=(1, n // 2 + 1), **opt)
 
 
-def bench_zalk(daemon, n, reps):
+# open port -> (blocked port, link at the open port, the focal point's end)
+ORIENTATIONS = {'B': ('A', 'L1', 'a'), 'A': ('B', None, 'b')}
+
+
+def bench_zalk(daemon, n, reps, open_port='B'):
+	blocked, link, end = ORIENTATIONS[open_port]
+	link = link or 'L%d' % n
 	lab = zlab.Lab(daemon=daemon)
-	lab.up(ring_topo(n, ring_interval=50, hello_time=100, response_delay=100))
-	lab.wait(lambda: lab.blocking_ports(1) == [('s1', 'zl1a')], 30.0, 0.1)
-	f, r, d, b = cut_heal_runs(lab, reps, 1.0, 1.5, dict(dst=n // 2 + 1))
+	lab.up(ring_topo(n, blocked, ring_interval=50, hello_time=100, response_delay=100))
+	want = [('s1', 'zl1' + blocked.lower())]
+	lab.wait(lambda: lab.blocking_ports(1) == want, 30.0, 0.1)
+	f, r, d, b = cut_heal_runs(lab, reps, 1.0, 1.5, dict(dst=n // 2 + 1), link, end)
 	zlab.down()
-	return dict(failover_ms=summary(f), restore_ms=summary(r), duplicates=d, bcast_max_copies=b, raw_failover=f,
-		    raw_restore=r)
+	ms = lambda xs: [round(x[0] * 1e3, 3) for x in xs]  # noqa: E731
+	return dict(open_port=open_port, link=link, failover_ms=summary(ms(f)), restore_ms=summary(ms(r)),
+		    duplicates=d, bcast_max_copies=b, raw_failover=ms(f), raw_restore=ms(r),
+		    lost_failover=[x[1] for x in f], lost_restore=[x[1] for x in r])
 
 
 def bench_stp(n, reps):
@@ -89,8 +105,9 @@ def bench_stp(n, reps):
 	time.sleep(10.0)
 	f, r, d, b = cut_heal_runs(lab, reps, 12.0, 12.0, dict(dst=n // 2 + 1))
 	zlab.down()
-	return dict(failover_ms=summary(f), restore_ms=summary(r), duplicates=d, bcast_max_copies=b, raw_failover=f,
-		    raw_restore=r)
+	ms = lambda xs: [round(x[0] * 1e3, 3) for x in xs]  # noqa: E731
+	return dict(failover_ms=summary(ms(f)), restore_ms=summary(ms(r)), duplicates=d, bcast_max_copies=b,
+		    raw_failover=ms(f), raw_restore=ms(r))
 
 
 def proc_stat(pid):
@@ -128,14 +145,14 @@ def bench_idle(daemon, n, secs):
 
 
 def svg_plot(results, path):
-	"""Median and p95 failover/restore per ring size, as bars."""
-	rows = [(n, k, v) for n, v in sorted(results['zalkv2d'].items(), key=lambda x: int(x[0]))
-		for k in ('failover_ms', 'restore_ms')]
-	w, h, left = 640, 360, 60
+	"""Median and p95 failover/restore per ring size and open port, as bars."""
+	rows = [('%s/%s' % (n, o), k, v) for n, by in sorted(results['zalkv2d'].items(), key=lambda x: int(x[0]))
+		for o, v in sorted(by.items()) for k in ('failover_ms', 'restore_ms')]
+	w, h, left = 80 + 52 * len(rows), 360, 60
 	vmax = max([v[k]['p95'] for n, k, v in rows if v[k]] + [1.0])
 	bw = (w - left - 20) / max(1, len(rows))
 	out = ['<svg xmlns="http://www.w3.org/2000/svg" width="%d" height="%d" font-family="sans-serif" font-size="11">' % (w, h),
-	       '<text x="%d" y="16">zalkv2d interruption, median (bar) and p95 (line), ms</text>' % left]
+	       '<text x="%d" y="16">zalkv2d interruption, median (bar) and p95 (line), ms; n/X: ring of n, focal point open at port X</text>' % left]
 	for i, (n, k, v) in enumerate(rows):
 		if not v[k]:
 			continue
@@ -161,14 +178,17 @@ def main():
 	ap.add_argument('--idle', type=float, default=60.0)
 	ap.add_argument('--out', default='bench-results')
 	ap.add_argument('--stp-sizes', default=None, help='ring sizes for the STP baseline (default: --sizes)')
+	ap.add_argument('--open-ports', default='B,A', help="the focal point's open port(s) to run")
 	a = ap.parse_args()
 	sizes = [int(x) for x in a.sizes.split(',')]
 	res = dict(zalkv2d={}, stp={}, idle={})
 	for n in sizes:
-		res['zalkv2d'][n] = bench_zalk(a.daemon, n, a.reps)
-		v = res['zalkv2d'][n]
-		print('zalkv2d ring %2d: failover %s  restore %s  duplicates %d' % (n, v['failover_ms'], v['restore_ms'],
-									    v['duplicates']), flush=True)
+		res['zalkv2d'][n] = {}
+		for o in a.open_ports.split(','):
+			v = res['zalkv2d'][n][o] = bench_zalk(a.daemon, n, a.reps, o)
+			print('zalkv2d ring %2d, open port %s (cut %s): failover %s lost %s  restore %s lost %s  duplicates %d' % (
+				n, o, v['link'], v['failover_ms'], v['lost_failover'], v['restore_ms'], v['lost_restore'],
+				v['duplicates']), flush=True)
 	if a.stp_reps:
 		for n in ([int(x) for x in a.stp_sizes.split(',')] if a.stp_sizes else sizes):
 			res['stp'][n] = bench_stp(n, a.stp_reps)

@@ -23,6 +23,11 @@ import sys
 import time
 
 STATE = os.environ.get('ZLAB_STATE', '/run/zlab')
+# The traffic probe stands for a tester with hardware of its own: it runs
+# real-time above the daemons (SCHED_FIFO 49), so its frames leave on
+# schedule and a gap at the receiver is frames the ring lost, not a sender
+# held back while the emulated switches' daemons share the machine's cores.
+PROBE_PRIO = ['chrt', '-f', '80']
 NS_PREFIX = 'zl-'
 NFT_TABLE = 'zlab'
 LAB_DIR = os.path.dirname(os.path.abspath(__file__))
@@ -275,6 +280,12 @@ class Lab:
 		else:
 			self.port_standin = not kernel_holds_blocking()
 		self.standin = not kernel_has_flower()
+		# Everything of the lab lives in memory, as a switch's /run and
+		# /tmp do: where the machine's /run is a disk file system, every
+		# status file rewrite would otherwise wait for the disk.
+		os.makedirs(self.state, exist_ok=True)
+		sh(['mount', '-t', 'tmpfs', '-o', 'mode=0755,size=256m', 'zlab', self.state])
+		sh(['mount', '--make-private', self.state])
 		os.makedirs(os.path.join(self.state, 'mnt'), exist_ok=True)
 		# the mount-namespace files need a private mount point to live on
 		sh(['mount', '--bind', os.path.join(self.state, 'mnt'), os.path.join(self.state, 'mnt')])
@@ -511,12 +522,13 @@ class Lab:
 		return None
 
 	# -- links
-	def cut(self, name):
-		"""Carrier loss: one end of the link goes down, so both ends lose
-		carrier. Returns the wall-clock time of the cut."""
+	def cut(self, name, end='a'):
+		"""Carrier loss: one end of the link ('a' or 'b') goes down, so
+		both ends lose carrier. Returns the wall-clock time of the cut."""
 		l = self.link(name)
-		s, p = l['a']
+		s, p = l[end]
 		self.topo.setdefault('cuts', {})[name] = 'cut'
+		self.topo.setdefault('cut_ends', {})[name] = end
 		self.save()
 		t = time.time()
 		sh(['ip', '-n', self.ns(s), 'link', 'set', p, 'down'])
@@ -557,6 +569,7 @@ class Lab:
 		happens within those milliseconds)."""
 		l = self.link(name)
 		kind = self.topo.get('cuts', {}).pop(name, 'cut')
+		s_down, p_down = l[self.topo.get('cut_ends', {}).pop(name, 'a')]
 		self.save()
 		if kind == 'silent':
 			t = time.time()
@@ -566,12 +579,12 @@ class Lab:
 		ends = [tuple(l['a']), tuple(l['b'])]
 		if self.topo.get('kernel_stp'):
 			t = time.time()
-			sh(['ip', '-n', self.ns(l['a'][0]), 'link', 'set', l['a'][1], 'up'])
+			sh(['ip', '-n', self.ns(s_down), 'link', 'set', p_down, 'up'])
 			return t
 		for s, p in ends:
 			self._hold(s, [p], True)
 		t = time.time()
-		sh(['ip', '-n', self.ns(l['a'][0]), 'link', 'set', l['a'][1], 'up'])
+		sh(['ip', '-n', self.ns(s_down), 'link', 'set', p_down, 'up'])
 		self._settle(ends)
 		for s, p in ends:
 			if self.physical_state(s, p) != 'FORWARDING':
@@ -698,11 +711,11 @@ class Traffic:
 			os.remove(self.out)
 		probe = lab.probe_bin()
 		count = int(rate * seconds)
-		self.rx = subprocess.Popen(['ip', 'netns', 'exec', lab.ns(dst), 'nice', '-n', '-10', probe, 'recv', 'eth0', str(count),
+		self.rx = subprocess.Popen(['ip', 'netns', 'exec', lab.ns(dst), *PROBE_PRIO, probe, 'recv', 'eth0', str(count),
 					    '%.3f' % (seconds + 5.0), self.out],
 					   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
 		self._expect(self.rx, 'ready')
-		self.tx = subprocess.Popen(['ip', 'netns', 'exec', lab.ns(src), 'nice', '-n', '-10', probe, 'send', 'eth0',
+		self.tx = subprocess.Popen(['ip', 'netns', 'exec', lab.ns(src), *PROBE_PRIO, probe, 'send', 'eth0',
 					    lab.host_mac(dst), str(rate), str(count), str(bcast_every)],
 					   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
 		self._expect(self.tx, 'started')
@@ -799,6 +812,10 @@ def down(state=STATE):
 		for f in os.listdir(mnt):
 			sh(['umount', os.path.join(mnt, f)], check=False)
 		sh(['umount', mnt], check=False)
+	if os.path.ismount(state):
+		sh(['umount', state], check=False)
+		if os.path.ismount(state):
+			sh(['umount', '-l', state], check=False)
 	shutil.rmtree(state, ignore_errors=True)
 
 
