@@ -4,15 +4,16 @@
   lab/bench.py build/zalkv2d [--sizes 4,8,16] [--reps 10] [--stp-reps 10]
                [--idle 60] [--out bench-results]
 
-For each ring size, and for each of the focal point's ports as the open
-one: the traffic-carrying link at the focal point's open port is cut
-(carrier loss, the focal point's end set down) and healed --reps times
-under 10,000 frames/s; failover and restore interruptions are summarised
-(min/median/p95/max) with the frames lost in each. The two orientations
-differ in one respect only: the focal point answers a returning link with
-Link Responses out of port A first, so the returning member hears its
-answer first (open port A) or last (open port B), after every other
-member. The same is done with the Linux bridge's own STP (shortest timers
+For each ring size and case, a traffic-carrying link is cut (carrier
+loss: one end set down) and healed --reps times under 10,000 frames/s;
+failover and restore interruptions are summarised (min/median/p95/max)
+with the frames lost in each. Cases (--cases): B and A, the link at the
+focal point's open port, cut at the focal point's end, with the focal
+point open at port B or at port A; M, the link between the first two
+members on the traffic path. B and A differ in one respect only: the
+focal point answers a returning link with Link Responses out of port A
+first, so the returning member hears its answer first (A) or after every
+other member (B). The same is done with the Linux bridge's own STP (shortest timers
 it allows) on the same topology as the baseline. Then the resident memory and CPU time of
 each daemon over --idle seconds of an idle closed ring at default timers,
 and the time an unchanged SIGHUP blocks a daemon's event loop. Writes
@@ -68,12 +69,15 @@ def ring_topo(n, blocked='A', **opt):
 	return zlab.make_ring(n, blocked=blocked, hosts=(1, n // 2 + 1), **opt)
 
 
-# open port -> (blocked port, link at the open port, the focal point's end)
-ORIENTATIONS = {'B': ('A', 'L1', 'a'), 'A': ('B', None, 'b')}
+# case -> (the focal point's blocked port, the link cut, the end set down):
+# the link at the focal point's open port, cut at the focal point's end,
+# with the focal point open at port B or at port A; and the link between
+# the first two members on the traffic path, cut at the first one's end.
+CASES = {'B': ('A', 'L1', 'a'), 'A': ('B', None, 'b'), 'M': ('A', 'L2', 'a')}
 
 
-def bench_zalk(daemon, n, reps, open_port='B'):
-	blocked, link, end = ORIENTATIONS[open_port]
+def bench_zalk(daemon, n, reps, case='B'):
+	blocked, link, end = CASES[case]
 	link = link or 'L%d' % n
 	lab = zlab.Lab(daemon=daemon)
 	lab.up(ring_topo(n, blocked, ring_interval=50, hello_time=100, response_delay=100))
@@ -82,7 +86,7 @@ def bench_zalk(daemon, n, reps, open_port='B'):
 	f, r, d, b = cut_heal_runs(lab, reps, 1.0, 1.5, dict(dst=n // 2 + 1), link, end)
 	zlab.down()
 	ms = lambda xs: [round(x[0] * 1e3, 3) for x in xs]  # noqa: E731
-	return dict(open_port=open_port, link=link, failover_ms=summary(ms(f)), restore_ms=summary(ms(r)),
+	return dict(case=case, link=link, failover_ms=summary(ms(f)), restore_ms=summary(ms(r)),
 		    duplicates=d, bcast_max_copies=b, raw_failover=ms(f), raw_restore=ms(r),
 		    lost_failover=[x[1] for x in f], lost_restore=[x[1] for x in r])
 
@@ -152,7 +156,7 @@ def svg_plot(results, path):
 	vmax = max([v[k]['p95'] for n, k, v in rows if v[k]] + [1.0])
 	bw = (w - left - 20) / max(1, len(rows))
 	out = ['<svg xmlns="http://www.w3.org/2000/svg" width="%d" height="%d" font-family="sans-serif" font-size="11">' % (w, h),
-	       '<text x="%d" y="16">zalkv2d interruption, median (bar) and p95 (line), ms; n/X: ring of n, focal point open at port X</text>' % left]
+	       '<text x="%d" y="16">zalkv2d interruption, median (bar) and p95 (line), ms; n/X: ring of n, X: cut at the focal point open at port B or A, or M: between members</text>' % left]
 	for i, (n, k, v) in enumerate(rows):
 		if not v[k]:
 			continue
@@ -178,15 +182,16 @@ def main():
 	ap.add_argument('--idle', type=float, default=60.0)
 	ap.add_argument('--out', default='bench-results')
 	ap.add_argument('--stp-sizes', default=None, help='ring sizes for the STP baseline (default: --sizes)')
-	ap.add_argument('--open-ports', default='B,A', help="the focal point's open port(s) to run")
+	ap.add_argument('--cases', default='B,A,M', help='B, A: the link at the focal point open at port B or A; '
+			'M: a link between two members')
 	a = ap.parse_args()
 	sizes = [int(x) for x in a.sizes.split(',')]
 	res = dict(zalkv2d={}, stp={}, idle={})
 	for n in sizes:
 		res['zalkv2d'][n] = {}
-		for o in a.open_ports.split(','):
+		for o in a.cases.split(','):
 			v = res['zalkv2d'][n][o] = bench_zalk(a.daemon, n, a.reps, o)
-			print('zalkv2d ring %2d, open port %s (cut %s): failover %s lost %s  restore %s lost %s  duplicates %d' % (
+			print('zalkv2d ring %2d, case %s (cut %s): failover %s lost %s  restore %s lost %s  duplicates %d' % (
 				n, o, v['link'], v['failover_ms'], v['lost_failover'], v['restore_ms'], v['lost_restore'],
 				v['duplicates']), flush=True)
 	if a.stp_reps:
