@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """Failover benchmark of the ring lab (not part of the test suite).
 
-  lab/bench.py build/zalkv2d [--sizes 4,8,16] [--reps 10] [--stp-reps 10]
-               [--idle 60] [--out bench-results]
+  lab/bench.py build/zalkv2d [--sizes 4,8,16] [--reps 10] [--cases B,A,M]
+               [--stp-reps 10] [--idle 60] [--out bench-results]
 
 For each ring size and case, a traffic-carrying link is cut (carrier
 loss: one end set down) and healed --reps times under 10,000 frames/s;
@@ -13,8 +13,8 @@ point open at port B or at port A; M, the link between the first two
 members on the traffic path. B and A differ in one respect only: the
 focal point answers a returning link with Link Responses out of port A
 first, so the returning member hears its answer first (A) or after every
-other member (B). The same is done with the Linux bridge's own STP (shortest timers
-it allows) on the same topology as the baseline. Then the resident memory and CPU time of
+other member (B). Case B's cut with the Linux bridge's own STP (shortest
+timers it allows) is the baseline. Then the resident memory and CPU time of
 each daemon over --idle seconds of an idle closed ring at default timers,
 and the time an unchanged SIGHUP blocks a daemon's event loop. Writes
 OUT.json and OUT.svg (a plot drawn without extra packages).
@@ -37,6 +37,11 @@ def summary(xs):
 		return None
 	p95 = xs[min(len(xs) - 1, int(round(0.95 * (len(xs) - 1))))]
 	return dict(n=len(xs), min=xs[0], median=statistics.median(xs), p95=p95, max=xs[-1])
+
+
+def to_ms(events):
+	"""Interruptions (seconds, lost frames) as milliseconds."""
+	return [round(sec * 1e3, 3) for sec, _ in events]
 
 
 def cut_heal_runs(lab, reps, settle_cut, settle_heal, ready, link='L1', end='a'):
@@ -85,9 +90,8 @@ def bench_zalk(daemon, n, reps, case='B'):
 	lab.wait(lambda: lab.blocking_ports(1) == want, 30.0, 0.1)
 	f, r, d, b = cut_heal_runs(lab, reps, 1.0, 1.5, dict(dst=n // 2 + 1), link, end)
 	zlab.down()
-	ms = lambda xs: [round(x[0] * 1e3, 3) for x in xs]  # noqa: E731
-	return dict(case=case, link=link, failover_ms=summary(ms(f)), restore_ms=summary(ms(r)),
-		    duplicates=d, bcast_max_copies=b, raw_failover=ms(f), raw_restore=ms(r),
+	return dict(case=case, link=link, failover_ms=summary(to_ms(f)), restore_ms=summary(to_ms(r)),
+		    duplicates=d, bcast_max_copies=b, raw_failover=to_ms(f), raw_restore=to_ms(r),
 		    lost_failover=[x[1] for x in f], lost_restore=[x[1] for x in r])
 
 
@@ -109,9 +113,8 @@ def bench_stp(n, reps):
 	time.sleep(10.0)
 	f, r, d, b = cut_heal_runs(lab, reps, 12.0, 12.0, dict(dst=n // 2 + 1))
 	zlab.down()
-	ms = lambda xs: [round(x[0] * 1e3, 3) for x in xs]  # noqa: E731
-	return dict(failover_ms=summary(ms(f)), restore_ms=summary(ms(r)), duplicates=d, bcast_max_copies=b,
-		    raw_failover=ms(f), raw_restore=ms(r))
+	return dict(failover_ms=summary(to_ms(f)), restore_ms=summary(to_ms(r)), duplicates=d, bcast_max_copies=b,
+		    raw_failover=to_ms(f), raw_restore=to_ms(r))
 
 
 def proc_stat(pid):
@@ -149,7 +152,7 @@ def bench_idle(daemon, n, secs):
 
 
 def svg_plot(results, path):
-	"""Median and p95 failover/restore per ring size and open port, as bars."""
+	"""Median and p95 failover/restore per ring size and case, as bars."""
 	rows = [('%s/%s' % (n, o), k, v) for n, by in sorted(results['zalkv2d'].items(), key=lambda x: int(x[0]))
 		for o, v in sorted(by.items()) for k in ('failover_ms', 'restore_ms')]
 	w, h, left = 80 + 52 * len(rows), 360, 60
