@@ -14,6 +14,7 @@ nftables tables) and lives either inside its own namespaces or under the
 state directory, so it never meets the machine's own interfaces. `down`
 removes all of it, also what a crashed earlier run left behind.
 """
+import contextlib
 import json
 import os
 import shutil
@@ -143,6 +144,18 @@ def conf_text(sw):
 # ---------------------------------------------------------------------------
 # Kernel capabilities
 
+@contextlib.contextmanager
+def _scratch_ns(name):
+	"""A throwaway network namespace for a probe of the kernel's abilities."""
+	ns = NS_PREFIX + name
+	sh(['ip', 'netns', 'del', ns], check=False)
+	sh(['ip', 'netns', 'add', ns])
+	try:
+		yield ns
+	finally:
+		sh(['ip', 'netns', 'del', ns], check=False)
+
+
 _flower = None
 
 
@@ -151,10 +164,7 @@ def kernel_has_flower():
 	daemon's own filters do the job and the lab adds no stand-in."""
 	global _flower
 	if _flower is None:
-		ns = NS_PREFIX + 'probe-tc'
-		sh(['ip', 'netns', 'del', ns], check=False)
-		sh(['ip', 'netns', 'add', ns])
-		try:
+		with _scratch_ns('probe-tc') as ns:
 			sh(['ip', '-n', ns, 'link', 'add', 'zlx', 'type', 'veth', 'peer', 'name', 'zly'])
 			ok = subprocess.run(['tc', '-n', ns, 'qdisc', 'add', 'dev', 'zlx', 'clsact'],
 					    capture_output=True).returncode == 0
@@ -162,8 +172,6 @@ def kernel_has_flower():
 					    'prio', '1', 'flower', 'skip_hw', 'dst_mac', '03:4b:a1:01:01:01',
 					    'action', 'drop'], capture_output=True)
 			_flower = ok and r.returncode == 0
-		finally:
-			sh(['ip', 'netns', 'del', ns], check=False)
 	return _flower
 
 
@@ -177,10 +185,7 @@ def kernel_holds_blocking():
 	build of the daemon, zalkv2d-lab, which asks for DISABLED instead."""
 	global _blocking
 	if _blocking is None:
-		ns = NS_PREFIX + 'probe-st'
-		sh(['ip', 'netns', 'del', ns], check=False)
-		sh(['ip', 'netns', 'add', ns])
-		try:
+		with _scratch_ns('probe-st') as ns:
 			sh(['ip', '-n', ns, 'link', 'add', 'zlbr', 'type', 'bridge', 'stp_state', '0'])
 			sh(['ip', '-n', ns, 'link', 'add', 'zlx', 'type', 'veth', 'peer', 'name', 'zly'])
 			sh(['ip', '-n', ns, 'link', 'set', 'zlx', 'master', 'zlbr'])
@@ -194,8 +199,6 @@ def kernel_holds_blocking():
 			subprocess.run(['bridge', '-n', ns, 'link', 'set', 'dev', 'zlx', 'state', '4'], capture_output=True)
 			time.sleep(0.05)
 			_blocking = _port_state(ns, 'zlx') == 'blocking'
-		finally:
-			sh(['ip', 'netns', 'del', ns], check=False)
 	return _blocking
 
 
