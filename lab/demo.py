@@ -16,6 +16,13 @@ def say(msg=''):
 	print(msg, flush=True)
 
 
+def check(good, failure, *success):
+	"""Says the failure, or the success lines; returns whether it held."""
+	for line in (success if good else ['FAIL: ' + failure]):
+		say(line)
+	return good
+
+
 def main(daemon):
 	lab = zlab.Lab(daemon=daemon)
 	ok = True
@@ -46,24 +53,18 @@ def main(daemon):
 	opened = lab.wait(lambda: ('s1', 'zl1a') not in lab.blocking_ports(1), 5.0)
 	time.sleep(1.0)
 	say(view.text(lab))
-	if not opened:
-		say('FAIL: the focal point did not open its blocked port after the cut')
-		ok = False
-	else:
-		say('Ring broken at L2: s2 and s3 reported it, the focal point opened zl1a; traffic now runs')
-		say('s1-s6-s5-s4.')
+	ok = check(opened, 'the focal point did not open its blocked port after the cut',
+		   'Ring broken at L2: s2 and s3 reported it, the focal point opened zl1a; traffic now runs',
+		   's1-s6-s5-s4.') and ok
 	time.sleep(2.0)
 	say('== Healing link L2')
 	t_heal = lab.heal('L2')
 	reclosed = lab.wait(lambda: lab.blocking_ports(1) == [('s1', 'zl1a')] and
 			    all(st['rings']['1']['state'] in ('Ring Ok', 'Ok') for st in lab.status().values()), 10.0)
 	say(view.text(lab))
-	if not reclosed:
-		say('FAIL: the ring did not close again with s1 zl1a as the only blocked port')
-		ok = False
-	else:
-		say('Ring closed again: the returning ports were held until the focal point had blocked zl1a')
-		say('and answered with Link Response frames.')
+	ok = check(reclosed, 'the ring did not close again with s1 zl1a as the only blocked port',
+		   'Ring closed again: the returning ports were held until the focal point had blocked zl1a',
+		   'and answered with Link Response frames.') and ok
 	r = tr.result()
 	cut_gap, cut_lost = zlab.interruption(r, t_cut, t_heal)
 	heal_gap, heal_lost = zlab.interruption(r, t_heal)
@@ -76,12 +77,8 @@ def main(daemon):
 		r['sender'].get('seconds', 0), r['sender'].get('max_late_ms', 0)))
 	say('   interruption at the link failure : %8.1f ms (%d frames lost)' % (cut_gap * 1e3, cut_lost))
 	say('   interruption at the link return  : %8.1f ms (%d frames lost)' % (heal_gap * 1e3, heal_lost))
-	if r['duplicates'] or r['bcast_max_copies'] > 1:
-		say('FAIL: duplicated frames: the ring formed a loop')
-		ok = False
-	if r['unique'] < r['sent'] * 0.5:
-		say('FAIL: most of the traffic was lost')
-		ok = False
+	ok = check(not r['duplicates'] and r['bcast_max_copies'] <= 1, 'duplicated frames: the ring formed a loop') and ok
+	ok = check(r['unique'] >= r['sent'] * 0.5, 'most of the traffic was lost') and ok
 	say()
 	say('== Tearing down')
 	for s in lab.switches():
@@ -90,14 +87,9 @@ def main(daemon):
 	bad = [s for s, st in statuses.items() if st != 0]
 	left = [s for s in lab.switches() if os.path.exists(os.path.join(lab.run_dir(s), 'zalkv2'))]
 	zlab.down()
-	if bad:
-		say('FAIL: daemons that did not stop cleanly (exit status): %s' % ', '.join(
-			'%s %s' % (s, statuses[s]) for s in bad))
-		ok = False
-	if left:
-		say('FAIL: /var/run/zalkv2 left behind on %s' % ', '.join(left))
-		ok = False
-	say('Every daemon stopped with status 0 and removed /var/run/zalkv2; lab removed.')
+	ok = check(not bad and not left, 'daemons that did not stop cleanly (exit status): %s; /var/run/zalkv2 left on: %s' % (
+		', '.join('%s %s' % (s, statuses[s]) for s in bad) or 'none', ', '.join(left) or 'none'),
+		'Every daemon stopped with status 0 and removed /var/run/zalkv2; lab removed.') and ok
 	say()
 	say('RESULT: %s' % ('the ring behaved' if ok else 'the ring did NOT behave'))
 	return 0 if ok else 1
