@@ -105,12 +105,11 @@ end
 -- at 12 without it. nil when the frame is not one of ours.
 local function layout(tvb)
 	local len = tvb:len()
-	if len < 26 then return nil end
+	if len < 14 then return nil end
 	local lo = 12
-	if tvb(12, 2):uint() == 0x8100 then
-		lo = 16
-		if len < 30 then return nil end
-	end
+	if tvb(12, 2):uint() == 0x8100 then lo = 16 end
+	-- up to the ring id; a frame cut short after it is still ours
+	if len < lo + 12 then return nil end
 	if tvb(lo + 2, 8):bytes():tohex() ~= SNAP or tvb(lo + 10, 1):uint() ~= MARKER then return nil end
 	return lo
 end
