@@ -226,7 +226,7 @@ local function dissect(tvb, pinfo, root, lo)
 		from = add_id(tree, pinfo, tvb, "sender", p + 2)
 		local e1 = add_id(tree, pinfo, tvb, "edge1", p + 10)
 		local e2 = add_id(tree, pinfo, tvb, "edge2", p + 18)
-		if e1 and e2 then extra = extra .. ", edges " .. e1 .. " " .. e2 end
+		if e1 and e2 then extra = extra .. ", edges " .. e1 .. " and " .. e2 end
 	elseif code == 5 then
 		local body = tvb(p, math.min(26, tvb:len() - p))
 		if not all_zero(body) then
