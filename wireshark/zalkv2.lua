@@ -115,7 +115,7 @@ local function layout(tvb)
 end
 
 -- Adds one bridge id; answers its MAC as text, or nil when it does not fit.
-local function add_id(tree, pinfo, tvb, key, off)
+local function add_id(tree, tvb, key, off)
 	if off + 8 > tvb:len() then return nil end
 	local id = ids[key]
 	local r = tvb(off, 8)
@@ -186,17 +186,18 @@ local function dissect(tvb, pinfo, root, lo)
 			"%d bytes, a %s frame needs %d", tvb:len(), name, t + want_plen))
 	end
 	local from, extra = nil, ""
-	local function status(mask_ok)
+	-- the status word; `ok` tells the values senders use
+	local function status(ok)
 		if p + 2 > tvb:len() then return nil end
 		local item = tree:add(f.status, tvb(p, 2))
 		local v = tvb(p, 2):uint()
-		if bit.band(v, bit.bnot(mask_ok)) ~= 0 then
+		if not ok(v) then
 			item:add_proto_expert_info(e.reserved, string.format("Status 0x%04x", v))
 		end
 		return item, v
 	end
 	if code == 1 then
-		local item, v = status(0x0005)
+		local item, v = status(function(v) return bit.band(v, bit.bnot(0x0005)) == 0 end)
 		if item then
 			item:add(f.hello_q, tvb(p, 2))
 			item:add(f.hello_fwd, tvb(p, 2))
@@ -206,30 +207,29 @@ local function dissect(tvb, pinfo, root, lo)
 			tree:add(f.hello_interval, tvb(p + 2, 2))
 			extra = extra .. string.format(" interval %d ms", tvb(p + 2, 2):uint())
 		end
-		from = add_id(tree, pinfo, tvb, "sender", p + 4)
+		from = add_id(tree, tvb, "sender", p + 4)
 	elseif code == 6 or code == 7 then
-		status(0)
-		from = add_id(tree, pinfo, tvb, "sender", p + 2)
+		status(function(v) return v == 0 end)
+		from = add_id(tree, tvb, "sender", p + 2)
 	elseif code == 2 or code == 3 then
-		from = add_id(tree, pinfo, tvb, "sender", p)
-		local first = add_id(tree, pinfo, tvb, "first_id", p + 8)
-		local second = add_id(tree, pinfo, tvb, "second_id", p + 16)
+		from = add_id(tree, tvb, "sender", p)
+		add_id(tree, tvb, "first_id", p + 8)
+		local second = add_id(tree, tvb, "second_id", p + 16)
 		if code == 3 and second then extra = " for " .. second end
 	elseif code == 4 then
-		local item, v = status(0x0003)
+		local item, v = status(function(v) return RESPONSE_STATUS[v] ~= nil end)
 		if item then
 			local meaning = RESPONSE_STATUS[v] or "unknown"
 			item:append_text(" (" .. meaning .. ")")
 			item:add(f.response, tvb(p, 2), meaning)
 			extra = ": " .. meaning
 		end
-		from = add_id(tree, pinfo, tvb, "sender", p + 2)
-		local e1 = add_id(tree, pinfo, tvb, "edge1", p + 10)
-		local e2 = add_id(tree, pinfo, tvb, "edge2", p + 18)
+		from = add_id(tree, tvb, "sender", p + 2)
+		local e1 = add_id(tree, tvb, "edge1", p + 10)
+		local e2 = add_id(tree, tvb, "edge2", p + 18)
 		if e1 and e2 then extra = extra .. ", edges " .. e1 .. " and " .. e2 end
 	elseif code == 5 then
-		local body = tvb(p, math.min(26, tvb:len() - p))
-		if not all_zero(body) then
+		if p < tvb:len() and not all_zero(tvb(p, math.min(26, tvb:len() - p))) then
 			tree:add_proto_expert_info(e.reserved, "Flush body not zero")
 		end
 	end
