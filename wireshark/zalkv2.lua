@@ -67,26 +67,23 @@ for key, label in pairs(ID_NAMES) do
 end
 zalk.fields = f
 
-local e = {
-	unknown_type = ProtoExpert.new("zalkv2.unknown_type", "Unknown frame type",
-		expert.group.MALFORMED, expert.severity.ERROR),
-	payload_length = ProtoExpert.new("zalkv2.bad_payload_length", "Payload length does not fit the type",
-		expert.group.MALFORMED, expert.severity.ERROR),
-	length = ProtoExpert.new("zalkv2.bad_length", "802.3 length disagrees with the payload length",
-		expert.group.MALFORMED, expert.severity.WARN),
-	tag = ProtoExpert.new("zalkv2.bad_tag", "Priority or VLAN other than the type's",
-		expert.group.PROTOCOL, expert.severity.WARN),
-	padding = ProtoExpert.new("zalkv2.nonzero_padding", "Non-zero padding",
-		expert.group.PROTOCOL, expert.severity.WARN),
-	destination = ProtoExpert.new("zalkv2.bad_destination", "Destination is not the ring's group address for the type",
-		expert.group.PROTOCOL, expert.severity.WARN),
-	reserved = ProtoExpert.new("zalkv2.reserved", "Bits that senders leave zero are set",
-		expert.group.PROTOCOL, expert.severity.NOTE),
-	truncated = ProtoExpert.new("zalkv2.truncated", "Frame too short for its type",
-		expert.group.MALFORMED, expert.severity.ERROR),
+-- Expert information, by name under "zalkv2.": text, group, severity.
+local EXPERTS = {
+	{"unknown_type", "Unknown frame type", "MALFORMED", "ERROR"},
+	{"bad_payload_length", "Payload length does not fit the type", "MALFORMED", "ERROR"},
+	{"bad_length", "802.3 length disagrees with the payload length", "MALFORMED", "WARN"},
+	{"bad_tag", "Priority or VLAN other than the type's", "PROTOCOL", "WARN"},
+	{"nonzero_padding", "Non-zero padding", "PROTOCOL", "WARN"},
+	{"bad_destination", "Destination is not the ring's group address for the type", "PROTOCOL", "WARN"},
+	{"reserved", "Bits that senders leave zero are set", "PROTOCOL", "NOTE"},
+	{"truncated", "Frame too short for its type", "MALFORMED", "ERROR"},
 }
-zalk.experts = {e.unknown_type, e.payload_length, e.length, e.tag, e.padding, e.destination,
-	e.reserved, e.truncated}
+local e, all_experts = {}, {}
+for _, x in ipairs(EXPERTS) do
+	e[x[1]] = ProtoExpert.new("zalkv2." .. x[1], x[2], expert.group[x[3]], expert.severity[x[4]])
+	all_experts[#all_experts + 1] = e[x[1]]
+end
+zalk.experts = all_experts
 
 local function mac_text(range)
 	local b = {}
@@ -149,7 +146,7 @@ local function dissect(tvb, pinfo, root, lo)
 	local plen_item = tree:add(f.payload_length, tvb(t + 1, 1))
 	local len_item = tree:add(f.length, tvb(lo, 2))
 	if tvb(lo, 2):uint() ~= 10 + plen then
-		len_item:add_proto_expert_info(e.length, string.format(
+		len_item:add_proto_expert_info(e.bad_length, string.format(
 			"802.3 length %d, but 10 plus the payload length is %d", tvb(lo, 2):uint(), 10 + plen))
 	end
 	if not info then
@@ -160,14 +157,14 @@ local function dissect(tvb, pinfo, root, lo)
 	local name, want_plen, group, vlan = info[1], info[2], info[3], info[4]
 	tree:append_text(", " .. name)
 	if plen ~= want_plen then
-		plen_item:add_proto_expert_info(e.payload_length, string.format(
+		plen_item:add_proto_expert_info(e.bad_payload_length, string.format(
 			"Payload length %d, but a %s frame has %d", plen, name, want_plen))
 	end
 	if tagged then
 		local tci = tvb(14, 2):uint()
 		local pcp, dei, vid = bit.rshift(tci, 13), bit.band(bit.rshift(tci, 12), 1), bit.band(tci, 0x0fff)
 		if pcp ~= PRIORITY or dei ~= 0 or vid ~= vlan then
-			tree:add_proto_expert_info(e.tag, string.format(
+			tree:add_proto_expert_info(e.bad_tag, string.format(
 				"Priority %d%s VLAN %d, but a %s frame goes with priority %d on VLAN %d",
 				pcp, dei ~= 0 and " DEI" or "", vid, name, PRIORITY, vlan))
 		end
@@ -175,7 +172,7 @@ local function dissect(tvb, pinfo, root, lo)
 	local dst = mac_text(tvb(0, 6))
 	local want_dst = string.format("03:4b:a1:01:%02x:%02x", ring, group)
 	if dst ~= want_dst then
-		tree:add_proto_expert_info(e.destination, string.format(
+		tree:add_proto_expert_info(e.bad_destination, string.format(
 			"Destination %s, but a %s frame of ring %d goes to %s", dst, name, ring, want_dst))
 	end
 
@@ -241,7 +238,7 @@ local function dissect(tvb, pinfo, root, lo)
 	if pad_to > pad_from then
 		local r = tvb(pad_from, pad_to - pad_from)
 		local item = tree:add(f.padding, r)
-		if not all_zero(r) then item:add_proto_expert_info(e.padding) end
+		if not all_zero(r) then item:add_proto_expert_info(e.nonzero_padding) end
 	end
 
 	from = from or mac_text(tvb(6, 6))
