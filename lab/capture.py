@@ -12,6 +12,7 @@ writes the frames seen on IFNAME for SECONDS into OUT as records
 (timestamp, direction, length, frame). `write_pcapng` turns the records of
 several interfaces into one pcapng file, one interface per capture point.
 """
+import errno
 import signal
 import socket
 import struct
@@ -79,6 +80,12 @@ def sniff(ifname, seconds, out):
 				frame, ancdata, _, addr = s.recvmsg(SNAPLEN, anc)
 			except socket.timeout:
 				continue
+			except OSError as e:
+				# the link was cut under the capture; it goes on
+				# once the link is back
+				if e.errno == errno.ENETDOWN:
+					continue
+				raise
 			frame = with_tag(frame, ancdata)
 			f.write(RECORD.pack(stamp(ancdata), 2 if addr[2] == PACKET_OUTGOING else 1, len(frame)) + frame)
 	s.close()
