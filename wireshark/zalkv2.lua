@@ -107,7 +107,9 @@ local function layout(tvb)
 	if tvb(12, 2):uint() == 0x8100 then lo = 16 end
 	-- up to the ring id; a frame cut short after it is still ours
 	if len < lo + 12 then return nil end
-	if tvb(lo + 2, 8):bytes():tohex() ~= SNAP or tvb(lo + 10, 1):uint() ~= MARKER then return nil end
+	-- every Ethernet frame comes here: the cheap test first
+	if tvb(lo + 2, 1):uint() ~= 0xAA or tvb(lo + 10, 1):uint() ~= MARKER then return nil end
+	if tvb(lo + 2, 8):bytes():tohex() ~= SNAP then return nil end
 	return lo
 end
 
