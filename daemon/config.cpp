@@ -3,6 +3,7 @@
 #include "daemon/config.h"
 
 #include <cerrno>
+#include <cstdarg>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -185,19 +186,24 @@ bool port_refused(cfg_t *port_sec, zalkv2_refusal *out)
 	return false;
 }
 
+void no_report(cfg_t *, const char *, va_list) {}
+
 } // namespace
 
-cfg_t *zalkv2_load_config(const char *path)
+cfg_t *zalkv2_load_config(const char *path, bool report)
 {
 	static char text[ZALK_CONFIG_MAX_SIZE + 2];
 	cfg_t *cfg = init_schema();
+	if (cfg && !report)
+		cfg_set_error_function(cfg, no_report);
 	if (!cfg) {
 		printf("Error when parsing configuration file %s: %s\n", path, strerror(errno));
 		return nullptr;
 	}
 	size_t len = 0;
 	if (int e = read_whole(path, text, sizeof(text), &len)) {
-		printf("Cannot read configuration file %s: %s\n", path, strerror(e));
+		if (report)
+			printf("Cannot read configuration file %s: %s\n", path, strerror(e));
 		cfg_free(cfg);
 		return nullptr;
 	}
@@ -208,19 +214,21 @@ cfg_t *zalkv2_load_config(const char *path)
 	int cut = 0;
 	if (memchr(text, '\0', len)) {
 		// Text after a NUL byte would be silently ignored.
-		fprintf(stderr, "%s: NUL byte in file\n", path);
+		if (report)
+			fprintf(stderr, "%s: NUL byte in file\n", path);
 		rc = CFG_PARSE_ERROR;
 	} else {
 		rc = cfg_parse_buf(cfg, text);
 		cut = rc == CFG_SUCCESS ? open_section_line(text) : 0;
 	}
 	int err = errno;
-	if (cut) {
+	if (cut && report)
 		fprintf(stderr, "%s:%d: premature end of file\n", path, cut);
+	if (cut)
 		rc = CFG_PARSE_ERROR;
-	}
 	if (rc != CFG_SUCCESS) {
-		printf("Error when parsing configuration file %s: %s\n", path, strerror(err));
+		if (report)
+			printf("Error when parsing configuration file %s: %s\n", path, strerror(err));
 		cfg_free(cfg);
 		return nullptr;
 	}
@@ -269,11 +277,10 @@ bool zalkv2_ring_refused(cfg_t *ring_sec, zalkv2_refusal *out)
 	return false;
 }
 
-void zalkv2_refusal_text(char *buf, size_t size, cfg_t *ring_sec, const zalkv2_refusal &r)
+void zalkv2_refusal_text(char *buf, size_t size, const zalkv2_refusal &r)
 {
 	char port[80] = "";
 	if (r.port)
-		snprintf(port, sizeof(port), ", port %s", r.port);
-	snprintf(buf, size, "Ring %ld%s: %s = %s refused: %s", cfg_getint(ring_sec, "ring-id"), port, r.option, r.value,
-		 r.why);
+		snprintf(port, sizeof(port), "port %s: ", r.port);
+	snprintf(buf, size, "%s%s = %s refused: %s", port, r.option, r.value, r.why);
 }

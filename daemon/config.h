@@ -20,7 +20,8 @@ constexpr long ZALK_CONFIG_MAX_SIZE = 64 * 1024;
 // configuration file ..."). Only a regular file of at most
 // ZALK_CONFIG_MAX_SIZE bytes is opened; a file that ends inside a section
 // is a parse error.
-cfg_t *zalkv2_load_config(const char *path);
+// With report false nothing is printed (libconfuse's diagnostics neither).
+cfg_t *zalkv2_load_config(const char *path, bool report = true);
 
 // 0 for a ring-role beginning with "focal", 1 for "member", else -1.
 int zalkv2_cfg_ring_role(cfg_t *ring_sec);
@@ -42,9 +43,8 @@ struct zalkv2_refusal {
 // run. Focal-only options count only on a focal point.
 bool zalkv2_ring_refused(cfg_t *ring_sec, zalkv2_refusal *out);
 
-// "Ring <id>[, port <title>]: <option> = <value> refused: <why>" (no
-// line end).
-void zalkv2_refusal_text(char *buf, size_t size, cfg_t *ring_sec, const zalkv2_refusal &r);
+// "[port <title>: ]<option> = <value> refused: <why>" (no line end).
+void zalkv2_refusal_text(char *buf, size_t size, const zalkv2_refusal &r);
 
 // The daemon's readers (configure.cpp; they use the OS boundary).
 // zalkv2_read_config loads /etc/zalkv2d.conf below the OS root.

@@ -125,8 +125,8 @@ bool setup_instance(cfg_t *ring_sec, int count)
 	zalkv2_refusal refusal;
 	if (zalkv2_ring_refused(ring_sec, &refusal)) {
 		char text[256];
-		zalkv2_refusal_text(text, sizeof(text), ring_sec, refusal);
-		zlog(LOG_ERR, "%s\n", text);
+		zalkv2_refusal_text(text, sizeof(text), refusal);
+		zlog(LOG_ERR, "Ring %ld: %s\n", cfg_getint(ring_sec, "ring-id"), text);
 		return false;
 	}
 
