@@ -128,7 +128,8 @@ int open_section_line(const char *p)
 			depth--;
 		}
 	}
-	return depth > 0 ? line : 0;
+	// The last line that holds text, as libconfuse numbers lines.
+	return depth > 0 ? line - (p[-1] == '\n' && line > 1) : 0;
 }
 
 void set_refusal(zalkv2_refusal *out, const char *option, const char *port, const char *why)
@@ -218,7 +219,12 @@ cfg_t *zalkv2_load_config(const char *path, bool report)
 			fprintf(stderr, "%s: NUL byte in file\n", path);
 		rc = CFG_PARSE_ERROR;
 	} else {
-		rc = cfg_parse_buf(cfg, text);
+		// Parsed from memory as a stream: libconfuse then names the
+		// file in its diagnostics (with a buffer it would say "[buf]").
+		FILE *f = len ? fmemopen(text, len, "r") : nullptr;
+		rc = f ? cfg_parse_fp(cfg, f) : cfg_parse_buf(cfg, text);
+		if (f)
+			fclose(f);
 		cut = rc == CFG_SUCCESS ? open_section_line(text) : 0;
 	}
 	int err = errno;
