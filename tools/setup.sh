@@ -4,7 +4,7 @@
 set -eu
 PKGS="build-essential cmake pkg-config g++ \
  libev-dev libconfuse-dev libmnl-dev libite-dev \
- libgtest-dev libgmock-dev googletest libbenchmark-dev \
+ libgtest-dev libgmock-dev googletest libbenchmark-dev ninja-build \
  iproute2 nftables kmod util-linux procps python3 graphviz tcpdump tshark"
 missing=""
 for p in $PKGS; do
