@@ -16,5 +16,5 @@ cmake -S "$SRC" -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/u
 	-DZALK_TESTS=OFF -DZALK_BENCH=OFF >/dev/null
 cmake --build "$BUILD" -j"$(nproc)" >/dev/null
 rm -f "$BUILD"/zalkv2d_*.deb
-(cd "$BUILD" && cpack -G DEB >/dev/null)
+(cd "$BUILD" && cpack -G DEB > cpack.log 2>&1) || { cat "$BUILD/cpack.log" >&2; exit 1; }
 ls "$BUILD"/zalkv2d_*.deb
