@@ -46,7 +46,11 @@ out=$($ZALKCTL check "$EXAMPLE" 2>&1)
 same "zalkctl check: the example configuration has no error" "0 " "$? $(printf '%s\n' "$out" | grep '^error')"
 
 # A switch with one ring, started, reloaded and stopped by the unit's own
-# command lines.
+# command lines. The daemon runs with the unit's capability bounding set
+# and without new privileges (as systemd would start it), so the bridge
+# requests, the tc and bridge commands it runs and its real-time priority
+# show whether those capabilities are enough.
+caps=$(sed -n 's/^CapabilityBoundingSet=//p' "$UNIT" | tr 'A-Z' 'a-z' | sed 's/cap_/+/g; s/ /,/g')
 mkbridge
 for p in ra rb; do
 	ip link add $p type veth peer name x$p
@@ -58,10 +62,22 @@ ring() { printf 'zalk r {\n\tring-id = %d\n\tring-role = "focal"\n\tport a { nam
 ring 5 > /etc/zalkv2d.conf
 same "condition: met once the file holds a ring" 0 "$(run_unit ExecCondition)"
 same "start: zalkctl check passes the file" 0 "$(run_unit ExecStartPre)"
-sh -c "exec $(unit_cmds ExecStart)" > /tmp/zalkv2d.out 2>&1 &
+setpriv --no-new-privs --bounding-set "-all,$caps" sh -c "exec $(unit_cmds ExecStart)" > /tmp/zalkv2d.out 2>&1 &
 MAINPID=$!
 wait_for 20 test -f /run/zalkv2/5/state || fail "start: ring 5 set up by the installed daemon"
 same "start: the installed daemon runs ring 5 as focal point" "focal-point" "$(cat /run/zalkv2/5/type 2>/dev/null)"
+# CAP_NET_ADMIN 12, CAP_NET_RAW 13, CAP_SYS_NICE 23
+same "start: the daemon's bounding set is the unit's ($caps)" "0000000000803000" \
+	"$(awk '/^CapBnd:/ {print $2}' /proc/$MAINPID/status)"
+# The priority is raised once every ring is set up and its filters are in.
+wait_for 60 sh -c "chrt -p $MAINPID | grep -q SCHED_FIFO"
+has "start: real-time priority taken with those capabilities" "SCHED_FIFO" "$(chrt -p $MAINPID)"
+has "start: VLANs 4021 and 4022 on ring port ra (bridge netlink)" "4022" "$(bridge vlan show dev ra)"
+has "start: drop filters on ring port ra (tc run by the daemon)" "gact action drop" \
+	"$(tc filter show dev ra ingress)"
+has "start: backup port set (bridge run by the daemon)" "backup_port rb" "$(bridge -d link show dev ra)"
+hasnt "start: nothing refused for want of a capability" "Operation not permitted|Permission denied|Failed raising" \
+	"$(cat /tmp/rig-syslog /tmp/zalkv2d.out)"
 
 echo 'zalk r { ring-id = 6 ring-role = "focal" port a { name = "ra" } bogus = 1 }' > /etc/zalkv2d.conf
 same "reload of a broken file: refused by zalkctl check" 1 "$(run_unit ExecReload)"
