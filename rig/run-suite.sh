@@ -21,6 +21,8 @@ cmake --build "$BUILD" --target zalkv2d zalkv2d-lab rigctl >/dev/null ||
 RIG_DEB=$("$SRC/tools/build-deb.sh" "$BUILD/deb") ||
 	{ echo "rig: cannot build the Debian package in $BUILD/deb" >&2; exit 1; }
 export RIG_DEB
+# Installing the package costs each guest some 25 s of emulated dpkg.
+export RIG_TIMEOUT=${RIG_TIMEOUT:-420}
 # The cache is made once, before guests start side by side.
 "$RIG_DIR/prepare.sh" >/dev/null || { echo "rig: FAILED TO START: preparation failed" >&2; exit 1; }
 
