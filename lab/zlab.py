@@ -23,6 +23,8 @@ import subprocess
 import sys
 import time
 
+import capture
+
 STATE = os.environ.get('ZLAB_STATE', '/run/zlab')
 # The traffic probe stands for a tester with hardware of its own: it runs
 # real-time above the daemons (SCHED_FIFO 49), so its frames leave on
@@ -726,6 +728,9 @@ class Lab:
 	def traffic(self, src, dst, rate=10000, seconds=10.0, bcast_every=100):
 		return Traffic(self, src, dst, rate, seconds, bcast_every)
 
+	def capture(self, link, path, seconds=10.0):
+		return Capture(self, link, path, seconds)
+
 
 def build_probe():
 	"""The traffic probe is built next to the daemon's build if possible,
@@ -788,6 +793,49 @@ class Traffic:
 		except ValueError:
 			r['sender'] = {}
 		return r
+
+
+class Capture:
+	"""Frames on both ends of a link for a given time, 802.1Q tags kept,
+	written as one pcapng file with one interface per end ("s1:zl1b")."""
+
+	def __init__(self, lab, link, path, seconds):
+		l = lab.link(link)
+		self.path = path
+		self.ends = ['%s:%s' % tuple(e) for e in (l['a'], l['b'])]
+		self.parts, self.procs = [], []
+		for s, p in (l['a'], l['b']):
+			part = os.path.join(lab.state, 'capture-%s-%s.part' % (s, p))
+			self.parts.append(part)
+			self.procs.append(subprocess.Popen(['ip', 'netns', 'exec', lab.ns(s), sys.executable,
+							    os.path.join(LAB_DIR, 'capture.py'), p, '%.3f' % seconds, part],
+							   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True))
+		for pr in self.procs:
+			if pr.stdout.readline().strip() != 'ready':
+				raise LabError('capture did not start: %s' % pr.communicate()[1].strip())
+
+	def stop(self):
+		for pr in self.procs:
+			if pr.poll() is None:
+				pr.send_signal(signal.SIGTERM)
+
+	def result(self):
+		"""Waits for both ends (Ctrl-C ends the capture early); writes the
+		file; returns the frame count."""
+		try:
+			for pr in self.procs:
+				pr.wait()
+		except KeyboardInterrupt:
+			self.stop()
+		packets = []
+		for i, (pr, part) in enumerate(zip(self.procs, self.parts)):
+			_, err = pr.communicate(timeout=60)
+			if pr.returncode != 0:
+				raise LabError('capture on %s failed: %s' % (self.ends[i], err.strip()))
+			packets += [(ts, i, d, fr) for ts, d, fr in capture.read_records(part)]
+			os.remove(part)
+		capture.write_pcapng(self.path, self.ends, packets)
+		return len(packets)
 
 
 def interruption(res, t, until=None):

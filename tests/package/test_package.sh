@@ -23,8 +23,10 @@ done
 same "conffiles" "/etc/zalkv2d.conf" "$(dpkg-deb --ctrl-tarfile "$DEB" | tar -xOf - ./conffiles)"
 
 files=$(dpkg-deb -c "$DEB" | awk '{print $6}' | grep -v '/$' | sort)
-same "contents: programs, unit, manuals, example, template, Debian's doc files" "./etc/zalkv2d.conf
+MA=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
+same "contents: programs, unit, manuals, example, template, dissector, Debian's doc files" "./etc/zalkv2d.conf
 ./lib/systemd/system/zalkv2d.service
+./usr/lib/$MA/wireshark/plugins/zalkv2.lua
 ./usr/sbin/zalkctl
 ./usr/sbin/zalkv2d
 ./usr/share/doc/zalkv2d/changelog.gz
@@ -32,9 +34,7 @@ same "contents: programs, unit, manuals, example, template, Debian's doc files" 
 ./usr/share/doc/zalkv2d/examples/zalkv2d.conf
 ./usr/share/man/man5/zalkv2d.conf.5.gz
 ./usr/share/man/man8/zalkctl.8.gz
-./usr/share/man/man8/zalkv2d.8.gz" "$(echo "$files" | grep -v '^./usr/lib/')"
-# Whatever else is installed (the Wireshark dissector) lives below
-# /usr/lib; test programs, the lab build and the rig's tools never ship.
+./usr/share/man/man8/zalkv2d.8.gz" "$files"
 same "no test, lab or rig program" "" "$(echo "$files" | grep -E 'zalkv2d-lab|rigctl|zlab_probe|/unit_|/kernel_|bench_' || true)"
 
 ROOT=$(mktemp -d)

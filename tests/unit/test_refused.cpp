@@ -1,72 +1,25 @@
-// Hostile configuration files: what the daemon will not open, and ring
-// values it refuses, each with its one error line, while the other rings
-// of the same file are still set up.
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include "daemon/config.h"
+// Ring values the daemon refuses, each with its one error line, while the
+// other rings of the same file are still set up. (Files it will not open
+// at all: tests/tool, on the real daemon.)
 #include "daemon/configure.h"
 #include "tests/fakes/fixture.h"
 
 using namespace fx;
-using namespace std::string_literals;
 
 namespace {
 
 class Refused : public Unit {
 protected:
-	std::string conf;
 	void SetUp() override
 	{
 		Unit::SetUp();
-		conf = fake::root() + "/etc/zalkv2d.conf";
 		const uint8_t mac[6] = {2, 0, 0, 0, 0, 9};
 		fake::add_iface("br0", 2, mac);
 		fake::add_iface("eth1", 11, mac);
 		zalkv2_init_sockets();
 		zalkv2_prepare_bridge();
 	}
-	std::string read(const std::string &what)
-	{
-		testing::internal::CaptureStdout();
-		testing::internal::CaptureStderr();
-		cfg_t *cfg = zalkv2_read_config();
-		testing::internal::GetCapturedStderr();
-		EXPECT_EQ(cfg, nullptr) << what;
-		if (cfg)
-			cfg_free(cfg);
-		return testing::internal::GetCapturedStdout();
-	}
 };
-
-TEST_F(Refused, OnlyARegularFileOfSaneSizeIsReadAndACutFileIsNotParsed)
-{
-	// A FIFO would block in open, /dev/zero would never end, a directory
-	// ended the process from inside the scanner.
-	const std::pair<std::string, std::string> files[] = {
-		{"fifo", "Cannot read configuration file " + conf + ": Invalid argument\n"},
-		{"zero", "Cannot read configuration file " + conf + ": Invalid argument\n"},
-		{"dir", "Cannot read configuration file " + conf + ": Is a directory\n"},
-		{"big", "Cannot read configuration file " + conf + ": File too large\n"},
-		{"zalk r { ring-id = 1\n ring-role = member\n port a { name = eth1 }\n", "Error when parsing configuration file " + conf},
-		{"zalk r { ring-id = 1 ring-role = member }\n\0zalk"s, "Error when parsing configuration file " + conf},
-	};
-	for (auto &[what, out] : files) {
-		unlink(conf.c_str());
-		fake::write_file("/etc/zalkv2d.conf", ""); // makes /etc
-		unlink(conf.c_str());
-		if (what == "fifo")
-			ASSERT_EQ(mkfifo(conf.c_str(), 0600), 0);
-		else if (what == "zero")
-			ASSERT_EQ(symlink("/dev/zero", conf.c_str()), 0);
-		else if (what == "dir")
-			ASSERT_EQ(mkdir(conf.c_str(), 0700), 0);
-		else
-			fake::write_file("/etc/zalkv2d.conf", what == "big" ? std::string(ZALK_CONFIG_MAX_SIZE, ' ') + "zalk r { }" : what);
-		EXPECT_EQ(read(what).substr(0, out.size()), out) << what;
-		rmdir(conf.c_str());
-	}
-}
 
 TEST_F(Refused, ValuesTheDaemonCannotRunWithFailTheirRingWithOneLine)
 {
