@@ -12,8 +12,14 @@
 #   ZALKV2D, RIGCTL      the built daemon and the rig's netlink tool
 #   ZALKV2D_LAB          the daemon's lab build (BLOCKING set as DISABLED)
 #   RIG_JOB              a directory that survives the guest (read-write)
+#   ZALKCTL              the operator's tool
 # and a fake `runlevel` first in PATH that prints "N $(cat /run/rig-runlevel)"
 # (5 when that file is missing).
+#
+# With RIG_DEB set to a Debian package of zalkv2d, the guest installs it
+# with dpkg -i before the script runs (over the host's package database,
+# in a writable layer), and ZALKV2D and ZALKCTL name the installed
+# /usr/sbin/zalkv2d and /usr/sbin/zalkctl; RIG_PACKAGE is then 1.
 #
 # Exit status: the script's; 124 when the guest did not finish within
 # RIG_TIMEOUT seconds (default 300) or died without reporting; 125 when
@@ -49,6 +55,9 @@ command -v qemu-system-x86_64 >/dev/null || fail_setup "qemu-system-x86_64 missi
 JOB=$(mktemp -d /tmp/zalk-rig.XXXXXX)
 trap 'rm -rf "$JOB"' EXIT INT TERM
 cp "$SCRIPT" "$JOB/script.sh"
+if [ -n "${RIG_DEB:-}" ]; then
+	cp "$RIG_DEB" "$JOB/package.deb" || fail_setup "no package $RIG_DEB"
+fi
 cat > "$JOB/env" <<EOF
 RIG_SRC=$SRC
 RIG_BUILD=$BUILD
@@ -72,7 +81,7 @@ timeout --foreground -k 5 "$TIMEOUT" qemu-system-x86_64 \
 	-nodefaults -display none -serial stdio -no-reboot \
 	-kernel "$KERNEL" -initrd "$INITRD" \
 	-append "console=ttyS0 quiet loglevel=1 mitigations=off panic=-1 tsc=reliable no_timer_check cryptomgr.notests acpi=off" \
-	$(share usr /usr) $(share etc /etc) $(share src "$SRC") $(share build "$BUILD") $(share job "$JOB" rw) \
+	$(share usr /usr) $(share etc /etc) $(share src "$SRC") $(share build "$BUILD") $(share dpkg /var/lib/dpkg) $(share job "$JOB" rw) \
 	</dev/null
 qrc=$?
 set -e
