@@ -5,7 +5,8 @@ set -eu
 PKGS="build-essential cmake pkg-config g++ \
  libev-dev libconfuse-dev libmnl-dev libite-dev \
  libgtest-dev libgmock-dev googletest libbenchmark-dev \
- iproute2 nftables kmod util-linux procps python3 graphviz tcpdump"
+ iproute2 nftables kmod util-linux procps python3 graphviz tcpdump \
+ clang libclang-rt-14-dev"
 missing=""
 for p in $PKGS; do
 	dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
