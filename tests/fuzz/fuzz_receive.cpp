@@ -6,14 +6,10 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-	static fuzz::Harness h;
-	static bool ready = (fx::make_ring(0, RING_TYPE_MEMBER), h.save(), true);
-	(void)ready;
 	if (size < 1)
 		return 0;
-	h.restore();
+	fuzz::Harness &h = fuzz::ring_for(data[0]);
 	zalkv2_instance &in = instances[0];
-	in.role = (data[0] & 4) ? RING_TYPE_FOCAL : RING_TYPE_MEMBER;
 	in.port[PORT_A].hello_enable = (data[0] >> 3) & 1;
 	if (data[0] & 2)
 		in.port[PORT_B].ifindex = -1;

@@ -37,4 +37,16 @@ struct Harness : fx::Unit {
 	}
 };
 
+// The start of the frame and link targets: ring 3 in slot 0 put back, its
+// role picked by bit 2 of the input's first byte.
+inline Harness &ring_for(uint8_t pick)
+{
+	static Harness h;
+	static bool ready = (fx::make_ring(0, RING_TYPE_MEMBER), h.save(), true);
+	(void)ready;
+	h.restore();
+	instances[0].role = (pick & 4) ? RING_TYPE_FOCAL : RING_TYPE_MEMBER;
+	return h;
+}
+
 } // namespace fuzz
