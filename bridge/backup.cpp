@@ -2,8 +2,6 @@
 // bridge moves a dead port's traffic over before the protocol reacts.
 #include "bridge/backup.h"
 
-#include <cstdio>
-
 #include "daemon/instance.h"
 #include "daemon/util.h"
 #include "status/status.h"
@@ -21,14 +19,15 @@ int zalkv2_setup_buddy_ports(int ins, int add)
 		if (!zalkv2_port_configured(port))
 			continue;
 
-		char cmd[96];
+		zalk_command cmd;
+		cmd.fixed("bridge link set dev").name(port.name, sizeof(port.name));
 		if (add)
-			snprintf(cmd, sizeof(cmd), "bridge link set dev %.16s backup_port %.16s", port.name, other.name);
+			cmd.fixed("backup_port").name(other.name, sizeof(other.name));
 		else
-			snprintf(cmd, sizeof(cmd), "bridge link set dev %.16s nobackup_port", port.name);
-		int status = zalk_run_command(cmd);
+			cmd.fixed("nobackup_port");
+		int status = cmd.run();
 		if (zalk_debug(ZALK_DBG))
-			zlog(LOG_NOTICE, "%s() - %s\n", "zalkv2_setup_buddy_ports", cmd);
+			zlog(LOG_NOTICE, "%s() - %s\n", "zalkv2_setup_buddy_ports", cmd.text());
 		if (status) {
 			zlog(LOG_ERR, "Could not add buddy port for ring port %.16s\n", port.name);
 			return status;

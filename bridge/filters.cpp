@@ -131,14 +131,16 @@ int tc_entry_del(uint32_t cls, uint32_t id, uint32_t ifindex, const char *mac)
 int zalkv2_tc_write_filter(const char *dev, const char *action, const char *proto, int prio,
 			   const char *flags, const char *mac, const char *vlan)
 {
-	// Empty flags or VLAN texts leave their blanks in the text; the
-	// command runner splits at blanks, so no empty argument reaches tc.
-	char cmd[256];
-	snprintf(cmd, sizeof(cmd), "tc filter %s dev %s ingress protocol %s prio %d flower %s dst_mac %s %s action drop",
-		 action, dev, proto, prio, flags, mac, vlan);
+	// The flags and VLAN texts are option words of our own (empty ones
+	// leave their blanks in the logged text but give no argument); every
+	// other value is one argument, whatever it holds.
+	zalk_command cmd;
+	cmd.fixed("tc filter").name(action).fixed("dev").name(dev).fixed("ingress protocol").name(proto);
+	cmd.fixed("prio").number(prio).fixed("flower").fixed(flags).fixed("dst_mac").name(mac).fixed(vlan);
+	cmd.fixed("action drop");
 	if (zalk_debug(ZALK_DBG))
-		zlog(LOG_NOTICE, "%s() - %s\n\n", "zalkv2_tc_write_filter", cmd);
-	if (zalk_run_command(cmd)) {
+		zlog(LOG_NOTICE, "%s() - %s\n\n", "zalkv2_tc_write_filter", cmd.text());
+	if (cmd.run()) {
 		zlog(LOG_ERR, "System fail %s port %s mac %s loc %d\n\n", action, dev, mac, prio);
 		return 1;
 	}

@@ -210,10 +210,11 @@ int zalkv2_setup_mdb(int ins, int port_ifindex, int add)
 
 int zalkv2_fdb_remove(const char *port_name, const uint8_t mac[6], int vid)
 {
-	char cmd[128];
-	snprintf(cmd, sizeof(cmd), "bridge fdb del %.2x:%.2x:%.2x:%.2x:%.2x:%.2x dev %s master vlan %d", mac[0],
-		 mac[1], mac[2], mac[3], mac[4], mac[5], port_name, vid);
+	char text[18];
+	snprintf(text, sizeof(text), "%.2x:%.2x:%.2x:%.2x:%.2x:%.2x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+	zalk_command cmd;
+	cmd.fixed("bridge fdb del").name(text).fixed("dev").name(port_name).fixed("master vlan").number(vid);
 	if (zalk_debug(ZALK_DBG))
-		zlog(LOG_NOTICE, "%s() - %s - %s\n\n", "zalkv2_fdb_remove", "zalkv2_fdb_remove", cmd);
-	return zalk_run_command(cmd);
+		zlog(LOG_NOTICE, "%s() - %s - %s\n\n", "zalkv2_fdb_remove", "zalkv2_fdb_remove", cmd.text());
+	return cmd.run();
 }

@@ -43,11 +43,11 @@ void ingress_qdisc(int ins, int p, int add)
 	if (!add && !qdisc_added[ins][p])
 		return;
 
-	char cmd[64];
-	snprintf(cmd, sizeof(cmd), "tc qdisc %s dev %.16s clsact", add ? "add" : "del", port.name);
-	int status = zalk_run_command(cmd);
+	zalk_command cmd;
+	cmd.fixed(add ? "tc qdisc add dev" : "tc qdisc del dev").name(port.name, sizeof(port.name)).fixed("clsact");
+	int status = cmd.run();
 	if (zalk_debug(ZALK_DBG))
-		zlog(LOG_NOTICE, "%s() - %s : %d\n", "ingress_qdisc", cmd, status);
+		zlog(LOG_NOTICE, "%s() - %s : %d\n", "ingress_qdisc", cmd.text(), status);
 	qdisc_added[ins][p] = add && status == 0;
 	if (status && !add)
 		zlog(LOG_ERR, "Could not remove ingress qdisc of ring port %.16s\n", port.name);

@@ -113,6 +113,7 @@ void init_all()
 		if (ev_is_active(s.w))
 			continue;
 		ev_signal_init(s.w, s.cb, s.signum);
+		ev_set_priority(s.w, ZALK_PRI_KERNEL);
 		ev_signal_start(main_loop, s.w);
 	}
 

@@ -48,8 +48,8 @@ unsigned os_if_nametoindex(const char *name);
 char *os_if_indextoname(unsigned ifindex, char *name);
 int os_ioctl(int fd, unsigned long request, void *arg); // SIOCGIFHWADDR, SIOCGIFFLAGS
 
-// External commands: argv[0] is looked up in PATH and run directly,
-// never through a shell. Returns the exit status (0..255), a value above
+// External commands: argv[0] is looked up in PATH, then in the system's
+// bin and sbin directories, and run directly, never through a shell. Returns the exit status (0..255), a value above
 // 255 when the program died of a signal, or -1 with errno set when it
 // could not be started at all.
 int os_spawn(char *const argv[]);

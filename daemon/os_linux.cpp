@@ -2,6 +2,8 @@
 #include "daemon/os.h"
 
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <net/if.h>
@@ -10,6 +12,7 @@
 #include <spawn.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/sysinfo.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -81,10 +84,51 @@ char *os_if_indextoname(unsigned ifindex, char *name)
 
 int os_ioctl(int fd, unsigned long request, void *arg) { return ioctl(fd, request, arg); }
 
+namespace {
+
+// Where a bare program name is looked for. `tc` and `bridge` live in
+// /usr/sbin, which the C library's default search path (used when PATH is
+// unset) leaves out, and which init systems and su without a login shell
+// often leave out of PATH too. So the PATH given is searched first (an
+// operator's choice of tools wins) and the system directories after it.
+constexpr const char *system_path = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+
+bool is_program(const char *path)
+{
+	struct stat st;
+	return stat(path, &st) == 0 && S_ISREG(st.st_mode) && access(path, X_OK) == 0;
+}
+
+// Fills `out` with the first executable file named `prog` in the
+// directories of `dirs` (colon-separated; an empty entry is skipped,
+// never taken as the working directory). False when there is none.
+bool find_in(const char *dirs, const char *prog, char (&out)[PATH_MAX])
+{
+	while (dirs && *dirs) {
+		const char *end = strchrnul(dirs, ':');
+		int n = snprintf(out, sizeof(out), "%.*s/%s", (int)(end - dirs), dirs, prog);
+		if (end > dirs && n > 0 && (size_t)n < sizeof(out) && is_program(out))
+			return true;
+		dirs = *end ? end + 1 : nullptr;
+	}
+	return false;
+}
+
+} // namespace
+
 int os_spawn(char *const argv[])
 {
+	char path[PATH_MAX];
+	const char *prog = argv[0];
+	if (!strchr(prog, '/')) {
+		if (!find_in(getenv("PATH"), prog, path) && !find_in(system_path, prog, path)) {
+			errno = ENOENT;
+			return -1;
+		}
+		prog = path;
+	}
 	pid_t pid;
-	int err = posix_spawnp(&pid, argv[0], nullptr, nullptr, argv, environ);
+	int err = posix_spawn(&pid, prog, nullptr, nullptr, argv, environ);
 	if (err) {
 		errno = err;
 		return -1;

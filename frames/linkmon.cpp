@@ -58,6 +58,7 @@ void zalkv2_init_sockets()
 		return;
 	}
 	ev_io_init(&link_watcher, netlink_io_cb, link_rth.fd, EV_READ);
+	ev_set_priority(&link_watcher, ZALK_PRI_KERNEL);
 	link_watcher_ready = true;
 }
 

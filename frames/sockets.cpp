@@ -126,6 +126,7 @@ int zalkv2_open_port_socket(zalkv2_port *port)
 		exit(-1);
 	}
 	ev_io_init(&port->rx_watcher, packet_rcv, fd, EV_READ);
+	ev_set_priority(&port->rx_watcher, ZALK_PRI_FRAMES);
 	return 0;
 }
 

@@ -594,6 +594,15 @@ class Lab:
 		for s, p in ends:
 			if self.physical_state(s, p) != 'FORWARDING':
 				self._set_blocked(s, p)
+		# A daemon that opened the port between the file read and the
+		# set above (a member whose other link is down opens a returning
+		# port at once) writes its file after its request: while the
+		# ports are still held, its word wins.
+		for _ in range(3):
+			time.sleep(0.02)
+			for s, p in ends:
+				if self.physical_state(s, p) == 'FORWARDING' and _port_state(self.ns(s), p) != 'forwarding':
+					sh(['bridge', '-n', self.ns(s), 'link', 'set', 'dev', p, 'state', '3'])
 		for s, p in ends:
 			self._hold(s, [p], False)
 		return t

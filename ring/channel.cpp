@@ -52,6 +52,7 @@ void msg_bus_setup()
 		return;
 	}
 	ev_io_init(&sm_watcher, sm_cb, fd, EV_READ);
+	ev_set_priority(&sm_watcher, ZALK_PRI_EVENTS);
 	sm_watcher_ready = true;
 }
 

@@ -7,6 +7,16 @@
 #include <cstdint>
 #include <ev.h>
 
+// libev priorities of the daemon's watchers. Each loop pass runs the
+// pending watchers from the highest priority down: signals and the link
+// monitor first, then the event channel and the timers, the ring ports'
+// receive watchers last. A flood of frames then cannot hold back a
+// carrier change, a status report or an event already posted, and every
+// event still goes through the one channel in posting order.
+constexpr int ZALK_PRI_KERNEL = 1;  // signal watchers, link monitor
+constexpr int ZALK_PRI_EVENTS = 0;  // event channel, timers (libev's default)
+constexpr int ZALK_PRI_FRAMES = -1; // ring port receive watchers
+
 enum sm_event_code : uint32_t {
 	RX_LINKA_1 = 0,
 	RX_LINKB_1 = 1,
