@@ -21,6 +21,7 @@ std::vector<Frame> frames;
 std::vector<std::vector<uint8_t>> netlink;
 std::vector<std::string> commands;
 std::vector<std::vector<std::string>> argvs;
+std::vector<std::string> batches;
 std::vector<Iface> ifaces;
 std::deque<Frame> rx_queue;
 struct timeval now = {1000437, 52301};
@@ -49,6 +50,7 @@ void clear_records()
 	netlink.clear();
 	commands.clear();
 	argvs.clear();
+	batches.clear();
 	sched_calls.clear();
 	kills.clear();
 }
@@ -276,6 +278,33 @@ int os_spawn(char *const argv[])
 	if (st == -1)
 		errno = ENOENT;
 	return st;
+}
+
+int os_spawn_input(char *const argv[], const char *input, size_t len,
+		   void (*on_line)(const char *line, void *ctx), void *ctx)
+{
+	std::string record;
+	for (int i = 0; argv[i]; i++)
+		record.append(i ? " " : "").append(argv[i]);
+	batches.push_back(record.append("\n").append(input, len));
+	std::istringstream lines(std::string(input, len));
+	std::string line;
+	int failed = 0;
+	for (int n = 1; std::getline(lines, line); n++) {
+		std::vector<std::string> v{argv[0]};
+		std::istringstream words(line);
+		for (std::string w; words >> w;)
+			v.push_back(w);
+		std::vector<char *> cv;
+		for (auto &w : v)
+			cv.push_back(w.data());
+		cv.push_back(nullptr);
+		if (os_spawn(cv.data()) != 0) {
+			on_line(("Command failed -:" + std::to_string(n)).c_str(), ctx);
+			failed = 1;
+		}
+	}
+	return failed;
 }
 
 FILE *os_popen(const char *, const char *)
