@@ -101,7 +101,11 @@ def trace_setup(pids):
 	wr(INST + '/tracing_on', '0')
 	wr(INST + '/trace_clock', 'mono')
 	wr(INST + '/buffer_size_kb', '8192')
-	pidf = ' || '.join('common_pid == %d' % p for p in pids)
+	pidf = '(%s)' % ' || '.join('common_pid == %d' % p for p in pids)
+	if not dump_on:
+		# only the calls the figures are taken from: each traced call
+		# costs the daemon about a microsecond
+		pidf += ' && (%s)' % ' || '.join('id == %d' % i for i in sorted(EPOLL_WAITS | {SENDMSG, 47}))
 	for ev, flt in (('raw_syscalls/sys_enter', pidf), ('raw_syscalls/sys_exit', pidf),
 			('workqueue/workqueue_queue_work', 'workqueue == "events_unbound"'), ('signal/signal_generate', 'sig == 1')):
 		wr('%s/events/%s/filter' % (INST, ev), flt)
@@ -228,6 +232,27 @@ def acks_after(calls, fd, t):
 	return [x for _, x, nr, a in calls if nr == SENDMSG and a == fd and x > t]
 
 
+NAMES = {0: 'read', 1: 'write', 3: 'close', 7: 'poll', 16: 'ioctl', 20: 'writev', 41: 'socket', 42: 'connect',
+	 44: 'sendto', 45: 'recvfrom', 46: 'sendmsg', 47: 'recvmsg', 61: 'wait4', 63: 'uname', 77: 'ftruncate',
+	 99: 'sysinfo', 232: 'epoll_wait', 257: 'openat', 262: 'newfstatat', 435: 'clone3', 281: 'epoll_pwait'}
+dumps = []
+
+
+def dump(title, ev, pid, t0, t1):
+	"""With --dump: one daemon's system calls between two instants."""
+	if not dump_on:
+		return
+	lines = ['%s (pid %d), %.1f us:' % (title, pid, (t1 - t0) * 1e6)]
+	for e, x, nr, a in syscalls(ev, pid):
+		if x >= t0 and e <= t1:
+			lines.append('  +%7.1f %6.1f us  %s(%d)' % ((e - t0) * 1e6, (x - e) * 1e6, NAMES.get(nr, nr), a))
+	dumps.append('\n'.join(lines))
+	print(dumps[-1], flush=True)
+
+
+dump_on = False
+
+
 def us(a, b):
 	return round((b - a) * 1e6, 1)
 
@@ -274,11 +299,13 @@ def bench_paths(daemon, reps):
 				wake = [x for _, x, nr, _ in c2 if nr in EPOLL_WAITS and reads and x < reads[0]]
 				if wake:
 					res['member_daemon'].append(us(wake[-1], down_b[0]))
+					dump('member', ev, s2, wake[-1], down_b[0])
 			else:
 				miss['member'] += 1
 			acks = acks_after(syscalls(ev, s1), fd1, down_any[0]) if down_any else []
 			if len(acks) >= 2:
 				res['focal'].append(us(down_any[0], acks[1]))
+				dump('focal', ev, s1, down_any[0], acks[1])
 			else:
 				miss['focal'] += 1
 
@@ -291,6 +318,7 @@ def bench_paths(daemon, reps):
 			wakes = [x for _, x, nr, _ in c1 if nr in EPOLL_WAITS and resp and x < resp[0]]
 			if resp and wakes:
 				res['hold'].append(us(wakes[-1], resp[0]))
+				dump('hold', ev, s1, wakes[-1], resp[0])
 			else:
 				miss['hold'] += 1
 			named = sorted(t for t, ty, o, e in f2a if ty == LINK_RESPONSE and not o
@@ -298,6 +326,7 @@ def bench_paths(daemon, reps):
 			acks = acks_after(syscalls(ev, s2), fd2, named[0]) if named else []
 			if acks:
 				res['returning'].append(us(named[0], acks[0]))
+				dump('returning', ev, s2, named[0], acks[0])
 			else:
 				miss['returning'] += 1
 			print('rep %d: %s' % (rep + 1, {k: v[-1] if v else None for k, v in res.items()}), flush=True)
@@ -398,7 +427,10 @@ def main():
 	ap.add_argument('--sighup10-reps', type=int, default=None, help='default: --sighup-reps')
 	ap.add_argument('--traffic-reloads', type=int, default=0)
 	ap.add_argument('--out', default='lab/results/bench_path')
+	ap.add_argument('--dump', action='store_true', help='print the system calls of each measured path')
 	a = ap.parse_args()
+	global dump_on
+	dump_on = a.dump
 	reps_sighup = a.sighup_reps
 	load = os.getloadavg()
 	summ, raw, miss, hup1 = bench_paths(a.daemon, a.reps)
