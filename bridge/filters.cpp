@@ -84,6 +84,31 @@ struct tc_batch {
 };
 tc_batch batch;
 
+// Interface names looked up during one batch: a port cannot be renamed
+// while the loop is busy with the reconfiguration, so each is asked once.
+struct name_cache_entry {
+	int ifindex;
+	char name[IF_NAMESIZE];
+};
+std::array<name_cache_entry, ZALK_MAX_INSTANCES * 2> names;
+int names_used;
+
+char *port_name(int ifindex, char *out)
+{
+	if (!batch.active)
+		return os_if_indextoname((unsigned)ifindex, out);
+	for (int i = 0; i < names_used; i++)
+		if (names[i].ifindex == ifindex)
+			return strcpy(out, names[i].name);
+	if (!os_if_indextoname((unsigned)ifindex, out))
+		return nullptr;
+	if (names_used < (int)names.size()) {
+		names[names_used].ifindex = ifindex;
+		snprintf(names[names_used++].name, IF_NAMESIZE, "%s", out);
+	}
+	return out;
+}
+
 void report_failure(const char *action, const char *dev, const char *mac, int prio)
 {
 	zlog(LOG_ERR, "System fail %s port %s mac %s loc %d\n\n", action, dev, mac, prio);
@@ -96,6 +121,7 @@ bool batch_safe(const char *dev) { return !strpbrk(dev, "\"'\\#"); }
 void batch_begin()
 {
 	batch.active = true;
+	names_used = 0;
 	batch.lines = 0;
 	batch.groups = 0;
 	batch.len = 0;
@@ -288,7 +314,7 @@ int zalkv2_tc_mac_filter(uint32_t id, int ifindex, const char *proto, const uint
 	// A port that vanished has no name to give tc; an empty device would
 	// shift every later word of the command.
 	char dev[IF_NAMESIZE];
-	if (!os_if_indextoname((unsigned)ifindex, dev)) {
+	if (!port_name(ifindex, dev)) {
 		zlog(LOG_ERR, "No interface ifx %d for filter %s mac %s loc %d\n\n", ifindex, action, text, prio);
 		return 1;
 	}

@@ -67,6 +67,8 @@ extern bool socket_fails;
 
 // Answer of rtnl_talk for a request (default: 0 for every request).
 extern std::function<int(const nlmsghdr *)> talk_hook;
+// Called with each frame as it is sent (default: nothing).
+extern std::function<void(const Frame &)> send_hook;
 // Exit status of a command (default: 0 for every command; -1 = cannot start).
 extern std::function<int(const std::vector<std::string> &)> spawn_hook;
 

@@ -37,6 +37,7 @@ int recvmsg_calls = 0;
 bool socket_fails = false;
 std::function<int(const nlmsghdr *)> talk_hook;
 std::function<int(const std::vector<std::string> &)> spawn_hook;
+std::function<void(const Frame &)> send_hook;
 
 static std::string root_dir;
 static int next_fd = 100;
@@ -82,6 +83,7 @@ void reset()
 	socket_fails = false;
 	talk_hook = nullptr;
 	spawn_hook = nullptr;
+	send_hook = nullptr;
 }
 
 void add_iface(const std::string &name, int index, const uint8_t mac[6], bool running)
@@ -179,6 +181,8 @@ ssize_t os_sendmsg(int, const struct msghdr *msg, int)
 		f.bytes.insert(f.bytes.end(), p, p + msg->msg_iov[i].iov_len);
 		total += msg->msg_iov[i].iov_len;
 	}
+	if (send_hook)
+		send_hook(f);
 	frames.push_back(std::move(f));
 	return (ssize_t)total;
 }
