@@ -9,9 +9,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/ioctl.h>
-#include <sys/inotify.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/socket.h>
 #include <sys/sysinfo.h>
 #include <sys/wait.h>
@@ -20,49 +18,7 @@
 
 extern char **environ;
 
-namespace {
-
-// Whether the system logger's socket may be there. Without it the C
-// library still opens, connects and closes a socket for every line, only
-// to drop it; so while the name is missing the line is dropped here, and
-// inotify on its directory tells when it appears. A name that is there
-// (socket or link) is always tried.
-bool log_socket_may_exist()
-{
-	static int fd = -2;
-	static bool present = true;
-	if (fd == -2) {
-		fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-		if (fd >= 0 && inotify_add_watch(fd, "/dev", IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM |
-								  IN_DELETE_SELF | IN_MOVE_SELF) < 0) {
-			close(fd);
-			fd = -1;
-		}
-		if (fd >= 0) {
-			struct stat st;
-			present = lstat(_PATH_LOG, &st) == 0;
-		}
-	}
-	if (fd < 0)
-		return true;
-	alignas(struct inotify_event) char buf[1024];
-	bool changed = false;
-	while (read(fd, buf, sizeof(buf)) > 0)
-		changed = true;
-	if (changed) {
-		struct stat st;
-		present = lstat(_PATH_LOG, &st) == 0;
-	}
-	return present;
-}
-
-} // namespace
-
-void os_syslog(int prio, const char *text)
-{
-	if (log_socket_may_exist())
-		syslog(prio, "%s", text);
-}
+void os_syslog(int prio, const char *text) { syslog(prio, "%s", text); }
 
 void os_gettimeofday(struct timeval *tv) { gettimeofday(tv, nullptr); }
 
