@@ -14,6 +14,7 @@
 #include "daemon/config.h"
 #include "daemon/instance.h"
 #include "daemon/os.h"
+#include "daemon/util.h"
 #include "frames/frames.h"
 #include "frames/hello.h"
 #include "frames/linkmon.h"
@@ -118,11 +119,16 @@ bool setup_instance(cfg_t *ring_sec, int count)
 {
 	if (cfg_getint(ring_sec, "version") != 2)
 		return false;
-	// A ring without ring-role is refused rather than guessed: a switch
-	// meant to be the focal point that silently ran as a member would leave
-	// the ring without any blocked port.
-	if (!cfg_getstr(ring_sec, "ring-role"))
+	// Values the daemon cannot run with (a ring id the frames cannot
+	// carry, a period libev cannot time, a port name that would write
+	// outside the status tree) stop this ring only.
+	zalkv2_refusal refusal;
+	if (zalkv2_ring_refused(ring_sec, &refusal)) {
+		char text[256];
+		zalkv2_refusal_text(text, sizeof(text), refusal);
+		zlog(LOG_ERR, "Ring %ld: %s\n", cfg_getint(ring_sec, "ring-id"), text);
 		return false;
+	}
 
 	int br = (int)os_if_nametoindex("br0");
 	if (!br) {
@@ -232,6 +238,22 @@ void resume(struct ev_loop *loop)
 }
 
 } // namespace
+
+cfg_t *zalkv2_read_config()
+{
+	char path[160];
+	return zalkv2_load_config(zalk_path(path, sizeof(path), "/etc/zalkv2d.conf"));
+}
+
+int zalkv2_cfg_port_ifindex(cfg_t *port_sec)
+{
+	if (!port_sec)
+		return -1;
+	const char *name = cfg_getstr(port_sec, "name");
+	if (!name)
+		return -1;
+	return (int)os_if_nametoindex(name);
+}
 
 void zalkv2_configure_instances(struct ev_loop *loop)
 {

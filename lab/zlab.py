@@ -23,6 +23,8 @@ import subprocess
 import sys
 import time
 
+import capture
+
 STATE = os.environ.get('ZLAB_STATE', '/run/zlab')
 # The traffic probe stands for a tester with hardware of its own: it runs
 # real-time above the daemons (SCHED_FIFO 49), so its frames leave on
@@ -636,24 +638,60 @@ class Lab:
 		except (ValueError, IndexError, KeyError):
 			return False
 
-	def status(self):
-		"""Everything the status view shows, per switch and ring."""
+	def zalkctl_bin(self):
+		"""zalkctl from the daemon's build (or $ZALKCTL), or None."""
+		b = os.environ.get('ZALKCTL') or os.path.join(os.path.dirname(self.daemon or ''), 'zalkctl', 'zalkctl')
+		return b if os.access(b, os.X_OK) else None
+
+	def zalkctl(self, s, *args):
+		"""zalkctl run as an operator on switch s runs it: inside the switch's
+		namespaces, with its default paths. (exit status, stdout, stderr)"""
+		p = subprocess.run(['nsenter', '--net=/run/netns/' + self.ns(s), '--mount=' + os.path.join(self.state, 'mnt', s),
+				    self.zalkctl_bin(), *args], capture_output=True, text=True, timeout=10)
+		return p.returncode, p.stdout, p.stderr
+
+	def _status_reader(self, s, via_zalkctl):
+		"""read(rel) over the switch's status tree: its files, or one
+		`zalkctl status --json` of the switch turned back into the same
+		files (the view's way, so the tool is what the operator sees)."""
+		if not via_zalkctl:
+			return lambda rel: self.read(s, rel)
+		rc, out, _ = self.zalkctl(s, '-j', 'status')
+		files = {}
+		try:
+			rings = json.loads(out)['rings'] if rc in (0, 1) else []
+		except ValueError:
+			rings = []
+		for r in rings:
+			files['%d/state' % r['ring_id']] = r['state']
+			files['%d/type' % r['ring_id']] = r['role']
+			files['%d/tc_count' % r['ring_id']] = None if r['tc_count'] is None else str(r['tc_count'])
+			for p in r['ports']:
+				for f in ('physical_state', 'logical_state', 'link'):
+					files['%d/%s/%s' % (r['ring_id'], p['name'], f)] = None if p[f] is None else str(p[f])
+		return files.get
+
+	def status(self, via_zalkctl=False):
+		"""Everything the status view shows, per switch and ring. The polling
+		loops read the files directly; the view goes through zalkctl."""
 		out = {}
+		via_zalkctl = via_zalkctl and self.zalkctl_bin()
 		for s in self.switches():
 			sw = dict(alive=self.alive(s), rings={})
+			read = self._status_reader(s, via_zalkctl)
 			for r in self.topo['switches'][s]['rings']:
 				rid = r['ring_id']
-				d = dict(role=r['role'], state=self.read(s, '%d/state' % rid),
-					 type=self.read(s, '%d/type' % rid),
-					 tc_count=self.read(s, '%d/tc_count' % rid), ports={})
+				d = dict(role=r['role'], state=read('%d/state' % rid),
+					 type=read('%d/type' % rid),
+					 tc_count=read('%d/tc_count' % rid), ports={})
 				for key in ('port_a', 'port_b'):
 					p = r[key]
 					if not p:
 						continue
 					d['ports'][key[-1].upper()] = dict(
-						name=p, physical=self.read(s, '%d/%s/physical_state' % (rid, p)),
-						logical=self.read(s, '%d/%s/logical_state' % (rid, p)),
-						link=self.read(s, '%d/%s/link' % (rid, p)),
+						name=p, physical=read('%d/%s/physical_state' % (rid, p)),
+						logical=read('%d/%s/logical_state' % (rid, p)),
+						link=read('%d/%s/link' % (rid, p)),
 						kernel=self.kernel_port_state(s, p), carrier=self.carrier(s, p),
 						blocked_cfg=(r['role'] == FOCAL and r['blocked'] == p))
 				sw['rings'][str(rid)] = d
@@ -689,6 +727,9 @@ class Lab:
 
 	def traffic(self, src, dst, rate=10000, seconds=10.0, bcast_every=100):
 		return Traffic(self, src, dst, rate, seconds, bcast_every)
+
+	def capture(self, link, path, seconds=10.0):
+		return Capture(self, link, path, seconds)
 
 
 def build_probe():
@@ -752,6 +793,49 @@ class Traffic:
 		except ValueError:
 			r['sender'] = {}
 		return r
+
+
+class Capture:
+	"""Frames on both ends of a link for a given time, 802.1Q tags kept,
+	written as one pcapng file with one interface per end ("s1:zl1b")."""
+
+	def __init__(self, lab, link, path, seconds):
+		l = lab.link(link)
+		self.path = path
+		self.ends = ['%s:%s' % tuple(e) for e in (l['a'], l['b'])]
+		self.parts, self.procs = [], []
+		for s, p in (l['a'], l['b']):
+			part = os.path.join(lab.state, 'capture-%s-%s.part' % (s, p))
+			self.parts.append(part)
+			self.procs.append(subprocess.Popen(['ip', 'netns', 'exec', lab.ns(s), sys.executable,
+							    os.path.join(LAB_DIR, 'capture.py'), p, '%.3f' % seconds, part],
+							   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True))
+		for pr in self.procs:
+			if pr.stdout.readline().strip() != 'ready':
+				raise LabError('capture did not start: %s' % pr.communicate()[1].strip())
+
+	def stop(self):
+		for pr in self.procs:
+			if pr.poll() is None:
+				pr.send_signal(signal.SIGTERM)
+
+	def result(self):
+		"""Waits for both ends (Ctrl-C ends the capture early); writes the
+		file; returns the frame count."""
+		try:
+			for pr in self.procs:
+				pr.wait()
+		except KeyboardInterrupt:
+			self.stop()
+		packets = []
+		for i, (pr, part) in enumerate(zip(self.procs, self.parts)):
+			_, err = pr.communicate(timeout=60)
+			if pr.returncode != 0:
+				raise LabError('capture on %s failed: %s' % (self.ends[i], err.strip()))
+			packets += [(ts, i, d, fr) for ts, d, fr in capture.read_records(part)]
+			os.remove(part)
+		capture.write_pcapng(self.path, self.ends, packets)
+		return len(packets)
 
 
 def interruption(res, t, until=None):
