@@ -8,6 +8,7 @@
 #include "bridge/filters.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <net/if.h>
@@ -46,6 +47,153 @@ void entry_give_back(tc_entry *e)
 	memset(e, 0, sizeof(*e));
 	e->next = free_entries;
 	free_entries = e;
+}
+
+// The drop filters of one reconfiguration step run in one tc process
+// (tc -force -batch -, reading the commands from its standard input)
+// instead of one process each. A failed command is reported afterwards,
+// with the same line as when it runs alone, and so is the summary line of
+// each group of commands that had a failure, in the order they were
+// given.
+struct batch_line {
+	char action[4];
+	char dev[IF_NAMESIZE + 1];
+	char mac[20];
+	int prio;
+	int group;
+	bool failed;
+};
+struct batch_group {
+	const char *summary; // logged when a command of the group failed
+	bool failed;         // set before the run by a command that was not given
+};
+// The most a reconfiguration gives: every ring id but one blocked on
+// every port of ten rings, and the three version-0 filters per port.
+constexpr int BATCH_MAX_LINES = ZALK_MAX_INSTANCES * 2 * (2 * TC_MAX_RING_ID + 3);
+constexpr int BATCH_MAX_GROUPS = TC_MAX_RING_ID + 1;
+constexpr size_t BATCH_LINE_MAX = 160;
+
+struct tc_batch {
+	bool active;
+	int lines;
+	int groups;
+	size_t len;
+	std::array<batch_line, BATCH_MAX_LINES> line;
+	std::array<batch_group, BATCH_MAX_GROUPS> group;
+	std::array<char, BATCH_MAX_LINES * BATCH_LINE_MAX> text;
+};
+tc_batch batch;
+
+// Interface names looked up during one batch: a port cannot be renamed
+// while the loop is busy with the reconfiguration, so each is asked once.
+struct name_cache_entry {
+	int ifindex;
+	char name[IF_NAMESIZE];
+};
+std::array<name_cache_entry, ZALK_MAX_INSTANCES * 2> names;
+int names_used;
+
+char *port_name(int ifindex, char *out)
+{
+	if (!batch.active)
+		return os_if_indextoname((unsigned)ifindex, out);
+	for (int i = 0; i < names_used; i++)
+		if (names[i].ifindex == ifindex)
+			return strcpy(out, names[i].name);
+	if (!os_if_indextoname((unsigned)ifindex, out))
+		return nullptr;
+	if (names_used < (int)names.size()) {
+		names[names_used].ifindex = ifindex;
+		snprintf(names[names_used++].name, IF_NAMESIZE, "%s", out);
+	}
+	return out;
+}
+
+void report_failure(const char *action, const char *dev, const char *mac, int prio)
+{
+	zlog(LOG_ERR, "System fail %s port %s mac %s loc %d\n\n", action, dev, mac, prio);
+}
+
+// tc splits its batch lines at blanks and has its own quoting and comment
+// rules; a device name that holds such a character runs alone instead, as
+// one argument.
+bool batch_safe(const char *dev) { return !strpbrk(dev, " \t\n\"'\\#"); }
+
+void batch_begin()
+{
+	batch.active = true;
+	names_used = 0;
+	batch.lines = 0;
+	batch.groups = 0;
+	batch.len = 0;
+}
+
+int batch_group_begin(const char *summary)
+{
+	if (batch.groups == BATCH_MAX_GROUPS)
+		return -1;
+	batch.group[batch.groups] = {summary, false};
+	return batch.groups++;
+}
+
+// Queues one command (the words after "tc"); false when it has to run alone.
+bool batch_add(const char *words, const char *action, const char *dev, const char *mac, int prio)
+{
+	if (!batch.active || batch.groups == 0 || batch.lines == BATCH_MAX_LINES || !batch_safe(dev))
+		return false;
+	int n = snprintf(batch.text.data() + batch.len, batch.text.size() - batch.len, "%s\n", words);
+	if (n < 0 || (size_t)n >= batch.text.size() - batch.len)
+		return false;
+	batch.len += (size_t)n;
+	batch_line &l = batch.line[batch.lines++];
+	snprintf(l.action, sizeof(l.action), "%s", action);
+	snprintf(l.dev, sizeof(l.dev), "%s", dev);
+	snprintf(l.mac, sizeof(l.mac), "%s", mac);
+	l.prio = prio;
+	l.group = batch.groups - 1;
+	l.failed = false;
+	return true;
+}
+
+// tc says "Command failed -:N" for each line N that failed.
+void batch_error_line(const char *text, void *)
+{
+	int n = 0;
+	if (sscanf(text, "Command failed -:%d", &n) == 1 && n >= 1 && n <= batch.lines)
+		batch.line[n - 1].failed = true;
+}
+
+void batch_run()
+{
+	batch.active = false;
+	if (batch.lines > 0) {
+		char tc[] = "tc", force[] = "-force", batch_opt[] = "-batch", from_stdin[] = "-";
+		char *argv[] = {tc, force, batch_opt, from_stdin, nullptr};
+		int st = os_spawn_input(argv, batch.text.data(), batch.len, batch_error_line, nullptr);
+		if (st < 0)
+			zlog(LOG_ERR, "Could not start command tc -force -batch -: %s\n", strerror(errno));
+		// Without a clean account of which lines failed, none counts as
+		// done: tc did not run, died, or failed without saying where.
+		bool named = false;
+		for (int i = 0; i < batch.lines; i++)
+			named = named || batch.line[i].failed;
+		if (st != 0 && (st < 0 || st > 255 || !named))
+			for (int i = 0; i < batch.lines; i++)
+				batch.line[i].failed = true;
+	}
+	int next = 0;
+	for (int g = 0; g < batch.groups; g++) {
+		bool failed = batch.group[g].failed;
+		for (; next < batch.lines && batch.line[next].group == g; next++) {
+			const batch_line &l = batch.line[next];
+			if (l.failed) {
+				report_failure(l.action, l.dev, l.mac, l.prio);
+				failed = true;
+			}
+		}
+		if (failed)
+			zlog(LOG_ERR, "%s", batch.group[g].summary);
+	}
 }
 
 } // namespace
@@ -140,8 +288,10 @@ int zalkv2_tc_write_filter(const char *dev, const char *action, const char *prot
 	cmd.fixed("action drop");
 	if (zalk_debug(ZALK_DBG))
 		zlog(LOG_NOTICE, "%s() - %s\n\n", "zalkv2_tc_write_filter", cmd.text());
+	if (batch_add(cmd.text() + 3, action, dev, mac, prio))
+		return 0; // its failure is reported when the batch has run
 	if (cmd.run()) {
-		zlog(LOG_ERR, "System fail %s port %s mac %s loc %d\n\n", action, dev, mac, prio);
+		report_failure(action, dev, mac, prio);
 		return 1;
 	}
 	return 0;
@@ -167,7 +317,7 @@ int zalkv2_tc_mac_filter(uint32_t id, int ifindex, const char *proto, const uint
 	// A port that vanished has no name to give tc; an empty device would
 	// shift every later word of the command.
 	char dev[IF_NAMESIZE];
-	if (!os_if_indextoname((unsigned)ifindex, dev)) {
+	if (!port_name(ifindex, dev)) {
 		zlog(LOG_ERR, "No interface ifx %d for filter %s mac %s loc %d\n\n", ifindex, action, text, prio);
 		return 1;
 	}
@@ -198,6 +348,19 @@ int zalkv2_block_ring_macs(int ins, int ifindex, int add)
 
 namespace {
 
+// The end of a group of commands: in a batch its failures so far (those
+// not given to tc) wait for the batch's report, alone they are reported
+// now.
+void end_group(int group, int failures, const char *summary)
+{
+	if (group >= 0) {
+		batch.group[group].failed = batch.group[group].failed || failures != 0;
+		return;
+	}
+	if (failures)
+		zlog(LOG_ERR, "%s", summary);
+}
+
 // Every configured ring port of every enabled instance, in table order.
 template <typename F> void for_each_ring_port(F visit)
 {
@@ -218,13 +381,14 @@ void zalkv2_block_foreign_ring(int ring_id, int add)
 	zalkv2_group_address(ring_id, 1, g1);
 	zalkv2_group_address(ring_id, 2, g2);
 
+	static const char summary[] = "Could not block mac addresses for unconfigured ring id\n\n";
+	const int group = batch.active ? batch_group_begin(summary) : -1;
 	int ret = 0;
 	for_each_ring_port([&](const zalkv2_port &port) {
 		ret += zalkv2_tc_mac_filter(2, port.ifindex, "802.1Q", g1, add, 0, ZALK_MGNT_VLAN);
 		ret += zalkv2_tc_mac_filter(2, port.ifindex, "802.1Q", g2, add, 0, ZALK_MGNT_VLAN);
 	});
-	if (ret)
-		zlog(LOG_ERR, "Could not block mac addresses for unconfigured ring id\n\n");
+	end_group(group, ret, summary);
 }
 
 void zalkv2_block_unconfigured_rings(int add)
@@ -246,6 +410,8 @@ void zalkv2_block_v0_macs(int add)
 		{302, "01:00:5e:05:0a:0a"},
 	};
 
+	static const char summary[] = "Block zalkv0 macs failed\n\n";
+	const int group = batch.active ? batch_group_begin(summary) : -1;
 	int ret = 0;
 	for_each_ring_port([&](const zalkv2_port &port) {
 		char dev[sizeof(port.name) + 1];
@@ -254,6 +420,13 @@ void zalkv2_block_v0_macs(int add)
 			ret += zalkv2_tc_write_filter(dev, add ? "add" : "del", "802.1Q", f.prio, "", f.mac,
 						      "vlan_id 4021");
 	});
-	if (ret)
-		zlog(LOG_ERR, "Block zalkv0 macs failed\n\n");
+	end_group(group, ret, summary);
+}
+
+void zalkv2_set_drop_filters(int add)
+{
+	batch_begin();
+	zalkv2_block_unconfigured_rings(add);
+	zalkv2_block_v0_macs(add);
+	batch_run();
 }

@@ -262,6 +262,7 @@ void zalkv2_configure_instances(struct ev_loop *loop)
 	cfg_t *cfg = zalkv2_read_config();
 	if (!cfg)
 		exit(1);
+	zalk_status_batch status_at_the_end;
 
 	quiesce(loop);
 
@@ -367,8 +368,3 @@ void zalkv2_configure_port(int ins, int p, cfg_t *ring_sec)
 	port.fwd_delay = s_to_200ms_ticks(cfg_getint(port_sec, "forward-delay"));
 }
 
-void zalkv2_set_drop_filters(int add)
-{
-	zalkv2_block_unconfigured_rings(add);
-	zalkv2_block_v0_macs(add);
-}

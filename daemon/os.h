@@ -54,6 +54,12 @@ int os_ioctl(int fd, unsigned long request, void *arg); // SIOCGIFHWADDR, SIOCGI
 // could not be started at all.
 int os_spawn(char *const argv[]);
 
+// Like os_spawn, with the given text as the program's standard input;
+// each line the program writes to standard error is handed to on_line
+// (without its line end) once the program has ended.
+int os_spawn_input(char *const argv[], const char *input, size_t len,
+		   void (*on_line)(const char *line, void *ctx), void *ctx);
+
 // popen/pclose, used only for the fixed command "runlevel".
 FILE *os_popen(const char *command, const char *mode);
 int os_pclose(FILE *f);

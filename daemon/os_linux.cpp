@@ -11,6 +11,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysinfo.h>
@@ -137,6 +138,95 @@ int os_spawn(char *const argv[])
 	while (waitpid(pid, &status, 0) < 0) {
 		if (errno != EINTR)
 			return -1;
+	}
+	if (WIFEXITED(status))
+		return WEXITSTATUS(status);
+	return 256 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+}
+
+namespace {
+
+// A descriptor that closes itself.
+struct owned_fd {
+	int fd;
+	explicit owned_fd(int f) : fd(f) {}
+	owned_fd(const owned_fd &) = delete;
+	owned_fd &operator=(const owned_fd &) = delete;
+	~owned_fd()
+	{
+		if (fd >= 0)
+			close(fd);
+	}
+};
+
+bool write_all(int fd, const char *p, size_t len)
+{
+	while (len) {
+		ssize_t n = write(fd, p, len);
+		if (n < 0 && errno == EINTR)
+			continue;
+		if (n <= 0)
+			return false;
+		p += n;
+		len -= (size_t)n;
+	}
+	return true;
+}
+
+} // namespace
+
+int os_spawn_input(char *const argv[], const char *input, size_t len,
+		   void (*on_line)(const char *line, void *ctx), void *ctx)
+{
+	// Both ends are files in memory, not pipes: the program can write as
+	// much as it likes to standard error while it reads, and nobody waits
+	// for anybody.
+	owned_fd in(memfd_create("zalk-stdin", MFD_CLOEXEC));
+	owned_fd err(memfd_create("zalk-stderr", MFD_CLOEXEC));
+	if (in.fd < 0 || err.fd < 0 || !write_all(in.fd, input, len) || lseek(in.fd, 0, SEEK_SET) < 0)
+		return -1;
+	posix_spawn_file_actions_t fa;
+	if (int e = posix_spawn_file_actions_init(&fa)) {
+		errno = e;
+		return -1;
+	}
+	posix_spawn_file_actions_adddup2(&fa, in.fd, 0);
+	posix_spawn_file_actions_adddup2(&fa, err.fd, 2);
+	pid_t pid;
+	int e = posix_spawnp(&pid, argv[0], &fa, nullptr, argv, environ);
+	posix_spawn_file_actions_destroy(&fa);
+	if (e) {
+		errno = e;
+		return -1;
+	}
+	int status;
+	while (waitpid(pid, &status, 0) < 0) {
+		if (errno != EINTR)
+			return -1;
+	}
+	if (lseek(err.fd, 0, SEEK_SET) == 0) {
+		char buf[4096];
+		size_t have = 0;
+		ssize_t n;
+		while ((n = read(err.fd, buf + have, sizeof(buf) - 1 - have)) > 0) {
+			have += (size_t)n;
+			size_t start = 0;
+			for (size_t i = 0; i < have; i++) {
+				if (buf[i] != '\n')
+					continue;
+				buf[i] = 0;
+				on_line(buf + start, ctx);
+				start = i + 1;
+			}
+			if (start == 0 && have == sizeof(buf) - 1)
+				start = have; // a line longer than the buffer: dropped
+			memmove(buf, buf + start, have - start);
+			have -= start;
+		}
+		if (have) {
+			buf[have] = 0;
+			on_line(buf, ctx);
+		}
 	}
 	if (WIFEXITED(status))
 		return WEXITSTATUS(status);

@@ -193,6 +193,9 @@ int is_focal(int ins)
 
 void sm_cb(struct ev_loop *loop, ev_io *w, int)
 {
+	// The status files of a state change are written when the handler is
+	// done, after the frames it sends.
+	zalk_status_batch status_after_frames;
 	ev_io_stop(loop, w);
 
 	sm_event ev{};

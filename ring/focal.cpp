@@ -258,6 +258,8 @@ void focal_ring_timeout(int ins)
 
 void focal_response_timer_cb(struct ev_loop *, ev_timer *, int)
 {
+	// The status files of the answer are written after its Link Responses.
+	zalk_status_batch status_after_frames;
 	// Only focal points hold: a slot that was a focal point before a
 	// reconfiguration made it a member may still carry a stale
 	// link_up_pending, and a member must never run the focal point's

@@ -21,6 +21,57 @@ namespace {
 
 constexpr size_t STATUS_PATH_MAX = 160;
 
+// A directory descriptor that closes itself.
+class dir_fd {
+public:
+	dir_fd() = default;
+	dir_fd(const dir_fd &) = delete;
+	dir_fd &operator=(const dir_fd &) = delete;
+	~dir_fd() { reset(); }
+	void open_path(const char *path)
+	{
+		reset();
+		fd_ = open(path, O_PATH | O_DIRECTORY | O_CLOEXEC);
+	}
+	void reset()
+	{
+		if (fd_ >= 0)
+			close(fd_);
+		fd_ = -1;
+	}
+	int get() const { return fd_; }
+
+private:
+	int fd_ = -1;
+};
+
+// The instance and port directories stay open from set-up to removal, so
+// a rewrite names its file relative to them instead of walking the whole
+// path for every file of every update.
+struct status_dirs {
+	dir_fd instance;
+	dir_fd port[2];
+};
+status_dirs dirs[ZALK_MAX_INSTANCES];
+
+// Ring state changes whose files are still to be written, and how many
+// batches are open (see zalk_status_batch).
+bool status_due[ZALK_MAX_INSTANCES];
+bool port_due[ZALK_MAX_INSTANCES][2];
+int batch_depth;
+
+// Port files of a link report wait for the loop's next pass: when the
+// report posted an event, the dispatcher runs first (an idle watcher
+// runs only when nothing else is pending) and writes them after its
+// frames; when not, the idle watcher writes them.
+ev_idle later_watcher;
+
+void later_cb(struct ev_loop *loop, ev_idle *w, int)
+{
+	ev_idle_stop(loop, w);
+	zalk_status_flush();
+}
+
 char *root_dir(char (&buf)[STATUS_PATH_MAX]) { return zalk_path(buf, sizeof(buf), "/var/run/zalkv2"); }
 
 char *instance_dir(char (&buf)[STATUS_PATH_MAX], const zalkv2_instance &in)
@@ -48,19 +99,47 @@ int make_dir(const char *path)
 // Status numbers are the sign-extended 32-bit fields.
 long as_number(uint32_t v) { return (long)(int32_t)v; }
 
-void write_topology_counter(zalkv2_instance &in, const char *dir, bool count)
+int write_status_file(const char *dir, int dirfd, const char *name, const char *text);
+
+int write_number_at(const char *dir, int dirfd, const char *name, long number)
 {
-	in.tc_count = count ? in.tc_count + 1 : 0;
-	write_number_file(dir, "tc_count", as_number(in.tc_count));
-	write_number_file(dir, "tc_jiffies", os_uptime());
+	char text[24];
+	snprintf(text, sizeof(text), "%ld", number);
+	return write_status_file(dir, dirfd, name, text);
 }
 
-void write_port_state_files(int ins, int port, const char *dir)
+void write_topology_files(const zalkv2_instance &in, const char *dir, int dirfd)
 {
-	const zalkv2_port &p = instances[ins].port[port];
-	write_number_file(dir, "link", as_number(p.link));
-	write_text_file(dir, "logical_state", zalk_logical_state_name(zalk_port_logical_state(ins, port)));
-	write_text_file(dir, "physical_state", zalk_port_state_name(p.state));
+	write_number_at(dir, dirfd, "tc_count", as_number(in.tc_count));
+	write_number_at(dir, dirfd, "tc_jiffies", os_uptime());
+}
+
+void write_port_state_files(int ins, int port)
+{
+	const zalkv2_instance &in = instances[ins];
+	const zalkv2_port &p = in.port[port];
+	if (!zalkv2_port_configured(p))
+		return;
+	char dir[STATUS_PATH_MAX];
+	port_dir(dir, in, p);
+	int fd = dirs[ins].port[port].get();
+	write_number_at(dir, fd, "link", as_number(p.link));
+	write_status_file(dir, fd, "logical_state", zalk_logical_state_name(zalk_port_logical_state(ins, port)));
+	write_status_file(dir, fd, "physical_state", zalk_port_state_name(p.state));
+}
+
+// The files of a ring state change: state, the topology counter and both
+// ports, from what the instance holds now.
+void write_ring_state_files(int ins)
+{
+	const zalkv2_instance &in = instances[ins];
+	char dir[STATUS_PATH_MAX];
+	instance_dir(dir, in);
+	int fd = dirs[ins].instance.get();
+	write_status_file(dir, fd, "state", zalk_ring_state_name(in.ring_state, false));
+	write_topology_files(in, dir, fd);
+	for (int port = PORT_A; port <= PORT_B; port++)
+		write_port_state_files(ins, port);
 }
 
 // Files are rewritten in place, not renamed into place: each holds one
@@ -69,11 +148,19 @@ void write_port_state_files(int ins, int port, const char *dir)
 // file is ever left behind in the tree. A ring state change writes a dozen
 // of them before the focal point's answer leaves, so each is one open, one
 // write and one close, without stdio's buffer and status call.
-int write_status_file(const char *dir, const char *name, const char *text)
+//
+// With the directory open (dirfd not -1) the file is opened relative to
+// it; should that fail (the directory was replaced behind our back), the
+// full path is tried as before.
+int write_status_file(const char *dir, int dirfd, const char *name, const char *text)
 {
+	constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
 	char path[STATUS_PATH_MAX + 32]; // a directory path and a short file name
-	snprintf(path, sizeof(path), "%s/%s", dir, name);
-	int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+	int fd = dirfd >= 0 ? openat(dirfd, name, flags, 0666) : -1;
+	if (fd < 0) {
+		snprintf(path, sizeof(path), "%s/%s", dir, name);
+		fd = open(path, flags, 0666);
+	}
 	if (fd < 0) {
 		zlog(LOG_ERR, "ERROR: %s Could not create file %s\n", strerror(errno), path);
 		return -1;
@@ -82,6 +169,7 @@ int write_status_file(const char *dir, const char *name, const char *text)
 	ssize_t n = write(fd, text, (size_t)len);
 	close(fd);
 	if (n != len) {
+		snprintf(path, sizeof(path), "%s/%s", dir, name);
 		zlog(LOG_ERR, "ERROR: %s Could not create file %s\n", strerror(n < 0 ? errno : EIO), path);
 		return -1;
 	}
@@ -92,14 +180,46 @@ int write_status_file(const char *dir, const char *name, const char *text)
 
 int write_text_file(const char *dir, const char *name, const char *text)
 {
-	return write_status_file(dir, name, text);
+	return write_status_file(dir, -1, name, text);
 }
 
 int write_number_file(const char *dir, const char *name, long number)
 {
-	char text[24];
-	snprintf(text, sizeof(text), "%ld", number);
-	return write_status_file(dir, name, text);
+	return write_number_at(dir, -1, name, number);
+}
+
+zalk_status_batch::zalk_status_batch() { batch_depth++; }
+
+zalk_status_batch::~zalk_status_batch()
+{
+	if (--batch_depth == 0)
+		zalk_status_flush();
+}
+
+void zalk_status_flush()
+{
+	for (int ins = 0; ins < ZALK_MAX_INSTANCES; ins++) {
+		const bool ring = status_due[ins], a = port_due[ins][0], b = port_due[ins][1];
+		status_due[ins] = port_due[ins][0] = port_due[ins][1] = false;
+		if (!instances[ins].enabled)
+			continue;
+		if (ring) {
+			write_ring_state_files(ins); // both ports' files too
+			continue;
+		}
+		if (a)
+			write_port_state_files(ins, PORT_A);
+		if (b)
+			write_port_state_files(ins, PORT_B);
+	}
+}
+
+void zalk_set_port_status_later(int ins, int port)
+{
+	port_due[ins][port & 1] = true;
+	if (!ev_cb(&later_watcher))
+		ev_idle_init(&later_watcher, later_cb);
+	ev_idle_start(EV_DEFAULT, &later_watcher);
 }
 
 int zalk_port_logical_state(int ins, int port)
@@ -117,22 +237,29 @@ int zalk_port_logical_state(int ins, int port)
 int zalk_status_setup(int ins)
 {
 	zalkv2_instance &in = instances[ins];
+	status_dirs &open_dirs = dirs[ins];
+	open_dirs.instance.reset();
+	open_dirs.port[0].reset();
+	open_dirs.port[1].reset();
 	char dir[STATUS_PATH_MAX];
 	if (make_dir(root_dir(dir)))
 		return 1;
 	if (make_dir(instance_dir(dir, in)))
 		return 1;
+	open_dirs.instance.open_path(dir);
+	const int fd = open_dirs.instance.get();
 
 	if (in.role == RING_TYPE_FOCAL) {
-		write_text_file(dir, "type", "focal-point");
+		write_status_file(dir, fd, "type", "focal-point");
 		// Single precision on purpose: 10 ms configured reads back as 10.
 		float ms = in.ring_interval * 1000.0f;
-		write_number_file(dir, "ring-interval", (long)(int32_t)ms);
+		write_number_at(dir, fd, "ring-interval", (long)(int32_t)ms);
 	} else {
-		write_text_file(dir, "type", "member");
+		write_status_file(dir, fd, "type", "member");
 	}
-	write_number_file(dir, "ring-id", in.ring_id);
-	write_topology_counter(in, dir, false);
+	write_number_at(dir, fd, "ring-id", in.ring_id);
+	in.tc_count = 0;
+	write_topology_files(in, dir, fd);
 
 	for (int port = PORT_A; port <= PORT_B; port++) {
 		const zalkv2_port &p = in.port[port];
@@ -141,8 +268,10 @@ int zalk_status_setup(int ins)
 		char pdir[STATUS_PATH_MAX];
 		if (make_dir(port_dir(pdir, in, p)))
 			continue;
-		write_number_file(pdir, "hello_time", as_number(p.hello_time_ms));
-		write_text_file(pdir, "hello_ena", p.hello_enable ? "yes" : "no");
+		open_dirs.port[port].open_path(pdir);
+		const int pfd = open_dirs.port[port].get();
+		write_number_at(pdir, pfd, "hello_time", as_number(p.hello_time_ms));
+		write_status_file(pdir, pfd, "hello_ena", p.hello_enable ? "yes" : "no");
 	}
 	return 0;
 }
@@ -156,25 +285,23 @@ void zalk_set_status(int ins)
 		zlog(LOG_NOTICE, "%s() - RING %s LED: %s Link M=%d N=%d\n", "zalk_set_status", whole ? "OK" : "BROKEN",
 		     whole ? "GREEN" : "RED", (int)in.port[PORT_A].link, (int)in.port[PORT_B].link);
 
-	char dir[STATUS_PATH_MAX];
-	instance_dir(dir, in);
-	write_text_file(dir, "state", zalk_ring_state_name(in.ring_state, false));
-	write_topology_counter(in, dir, true);
-	for (int port = PORT_A; port <= PORT_B; port++)
-		zalk_set_port_status(ins, port);
+	in.tc_count++;
+	if (batch_depth > 0) {
+		status_due[ins] = true; // written when the batch ends
+		return;
+	}
+	write_ring_state_files(ins);
 }
 
-void zalk_set_port_status(int ins, int port)
-{
-	const zalkv2_instance &in = instances[ins];
-	if (!zalkv2_port_configured(in.port[port]))
-		return;
-	char pdir[STATUS_PATH_MAX];
-	write_port_state_files(ins, port, port_dir(pdir, in, in.port[port]));
-}
+void zalk_set_port_status(int ins, int port) { write_port_state_files(ins, port); }
 
 void zalk_remove_status(int ins)
 {
+	// nothing is written into a removed tree
+	status_due[ins] = port_due[ins][0] = port_due[ins][1] = false;
+	dirs[ins].instance.reset();
+	dirs[ins].port[0].reset();
+	dirs[ins].port[1].reset();
 	char dir[STATUS_PATH_MAX];
 	remove_tree(instance_dir(dir, instances[ins]));
 }

@@ -10,13 +10,73 @@
 #include "daemon/os.h"
 #include "daemon/util.h"
 
-unsigned zalk_debug_level()
+#include <cerrno>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+namespace {
+
+unsigned read_debug_file()
 {
 	char path[160];
 	unsigned long level = 0;
 	if (read_number_file(zalk_path(path, sizeof(path), "/var/run/zalkv2/debug"), &level))
 		return 0;
 	return (unsigned)level;
+}
+
+// The level as last read, and the kernel's word on whether the file may
+// have changed since: the directory (for the file appearing, going or
+// being replaced) and the file itself (written through a link too) are
+// watched with inotify. The kernel queues a change before the writer's
+// write returns, so a change still takes effect at the next gated log
+// point; the file is only read again when something was queued.
+struct debug_watch {
+	int fd = -1;           // inotify, non-blocking; -1: not made yet
+	bool failed = false;   // no inotify here: read the file every time
+	bool current = false;  // level holds the file's value
+	unsigned level = 0;
+};
+debug_watch watch;
+
+constexpr uint32_t DIR_EVENTS = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_FROM |
+				IN_MOVED_TO | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
+constexpr uint32_t FILE_EVENTS = IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
+
+// True when any change was queued; empties the queue.
+bool changes_queued()
+{
+	alignas(struct inotify_event) char buf[1024];
+	bool any = false;
+	while (read(watch.fd, buf, sizeof(buf)) > 0)
+		any = true;
+	return any;
+}
+
+} // namespace
+
+unsigned zalk_debug_level()
+{
+	if (watch.fd < 0 && !watch.failed) {
+		watch.fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+		watch.failed = watch.fd < 0;
+	}
+	if (watch.failed)
+		return read_debug_file();
+	if (watch.current && !changes_queued())
+		return watch.level;
+
+	// Watch first, then read: a change after the read is then queued.
+	char path[160];
+	if (inotify_add_watch(watch.fd, zalk_path(path, sizeof(path), "/var/run/zalkv2"), DIR_EVENTS) < 0) {
+		// No directory, no file: level 0 until the directory appears.
+		watch.current = false;
+		return errno == ENOENT || errno == ENOTDIR ? 0 : read_debug_file();
+	}
+	inotify_add_watch(watch.fd, zalk_path(path, sizeof(path), "/var/run/zalkv2/debug"), FILE_EVENTS);
+	watch.level = read_debug_file();
+	watch.current = true;
+	return watch.level;
 }
 
 void zlog(int prio, const char *fmt, ...)

@@ -38,6 +38,10 @@ extern std::vector<Frame> frames;                  // sendmsg on any packet sock
 extern std::vector<std::vector<uint8_t>> netlink;  // requests given to rtnl_talk
 extern std::vector<std::string> commands;          // argv joined with one blank
 extern std::vector<std::vector<std::string>> argvs;
+// os_spawn_input: argv joined with one blank, a line end, then the input.
+// Each input line also counts as a command of argv[0] (commands, argvs,
+// spawn_hook); a failed one is reported as "Command failed -:N".
+extern std::vector<std::string> batches;
 
 // The system as the daemon sees it.
 extern std::vector<Iface> ifaces;
@@ -63,6 +67,8 @@ extern bool socket_fails;
 
 // Answer of rtnl_talk for a request (default: 0 for every request).
 extern std::function<int(const nlmsghdr *)> talk_hook;
+// Called with each frame as it is sent (default: nothing).
+extern std::function<void(const Frame &)> send_hook;
 // Exit status of a command (default: 0 for every command; -1 = cannot start).
 extern std::function<int(const std::vector<std::string> &)> spawn_hook;
 

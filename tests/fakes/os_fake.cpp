@@ -21,6 +21,7 @@ std::vector<Frame> frames;
 std::vector<std::vector<uint8_t>> netlink;
 std::vector<std::string> commands;
 std::vector<std::vector<std::string>> argvs;
+std::vector<std::string> batches;
 std::vector<Iface> ifaces;
 std::deque<Frame> rx_queue;
 struct timeval now = {1000437, 52301};
@@ -36,6 +37,7 @@ int recvmsg_calls = 0;
 bool socket_fails = false;
 std::function<int(const nlmsghdr *)> talk_hook;
 std::function<int(const std::vector<std::string> &)> spawn_hook;
+std::function<void(const Frame &)> send_hook;
 
 static std::string root_dir;
 static int next_fd = 100;
@@ -49,6 +51,7 @@ void clear_records()
 	netlink.clear();
 	commands.clear();
 	argvs.clear();
+	batches.clear();
 	sched_calls.clear();
 	kills.clear();
 }
@@ -80,6 +83,7 @@ void reset()
 	socket_fails = false;
 	talk_hook = nullptr;
 	spawn_hook = nullptr;
+	send_hook = nullptr;
 }
 
 void add_iface(const std::string &name, int index, const uint8_t mac[6], bool running)
@@ -177,6 +181,8 @@ ssize_t os_sendmsg(int, const struct msghdr *msg, int)
 		f.bytes.insert(f.bytes.end(), p, p + msg->msg_iov[i].iov_len);
 		total += msg->msg_iov[i].iov_len;
 	}
+	if (send_hook)
+		send_hook(f);
 	frames.push_back(std::move(f));
 	return (ssize_t)total;
 }
@@ -276,6 +282,33 @@ int os_spawn(char *const argv[])
 	if (st == -1)
 		errno = ENOENT;
 	return st;
+}
+
+int os_spawn_input(char *const argv[], const char *input, size_t len,
+		   void (*on_line)(const char *line, void *ctx), void *ctx)
+{
+	std::string record;
+	for (int i = 0; argv[i]; i++)
+		record.append(i ? " " : "").append(argv[i]);
+	batches.push_back(record.append("\n").append(input, len));
+	std::istringstream lines(std::string(input, len));
+	std::string line;
+	int failed = 0;
+	for (int n = 1; std::getline(lines, line); n++) {
+		std::vector<std::string> v{argv[0]};
+		std::istringstream words(line);
+		for (std::string w; words >> w;)
+			v.push_back(w);
+		std::vector<char *> cv;
+		for (auto &w : v)
+			cv.push_back(w.data());
+		cv.push_back(nullptr);
+		if (os_spawn(cv.data()) != 0) {
+			on_line(("Command failed -:" + std::to_string(n)).c_str(), ctx);
+			failed = 1;
+		}
+	}
+	return failed;
 }
 
 FILE *os_popen(const char *, const char *)

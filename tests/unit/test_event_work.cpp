@@ -1,0 +1,108 @@
+// Less work per event, the same promises: the debug level follows its
+// file at the next gated log point however the file changes; the status
+// files hold their texts after every event although they are written
+// after its frames; the drop filters of a reconfiguration step run as one
+// tc batch whose failures read as when each command ran alone.
+#include <filesystem>
+#include <fstream>
+
+#include "daemon/configure.h"
+#include "tests/fakes/fixture.h"
+
+using namespace fx;
+namespace fs = std::filesystem;
+
+namespace {
+
+class EventWork : public Unit {};
+
+void put(const std::string &path, const char *text) { std::ofstream(path, std::ios::trunc) << text; }
+
+TEST_F(EventWork, DebugLevelFollowsEveryKindOfChangeAtTheNextRead)
+{
+	const std::string dir = fake::root() + "/var/run/zalkv2", file = dir + "/debug", away = fake::root() + "/tmp/lvl";
+	const std::pair<std::function<void()>, unsigned> rows[] = {
+		{[&] { fs::remove_all(dir); }, 0},
+		{[&] { fs::create_directories(dir); }, 0},
+		{[&] { put(file, "1\n"); }, 1},    // created
+		{[&] { put(file, "0x80"); }, 128}, // rewritten in place
+		{[&] { put(dir + "/new", "2"); fs::rename(dir + "/new", file); }, 2},
+		{[&] { put(away, "4"); fs::remove(file); fs::create_symlink(away, file); }, 4},
+		{[&] { put(away, "8"); }, 8}, // written through the link
+		{[&] { fs::remove(file); }, 0},
+		{[&] { fs::remove_all(dir); }, 0},
+		{[&] { fs::create_directories(dir); put(file, "32"); }, 32},
+	};
+	for (auto &[change, level] : rows) {
+		change();
+		EXPECT_EQ(zalk_debug_level(), level);
+		EXPECT_EQ(zalk_debug_level(), level);
+	}
+}
+
+TEST_F(EventWork, LevelWrittenBetweenTwoLogPointsOfOneEventCountsAtTheSecond)
+{
+	make_ring(0, RING_TYPE_MEMBER);
+	member_config_ring_topology(0, DOWN_NET_MEMBER, 0);
+	fake::set_debug(0);
+	clear();
+	// the operator writes the file while the port requests are under way
+	fake::talk_hook = [](const nlmsghdr *) { fake::set_debug(ZALK_STATE); return 0; };
+	event(0, LINKA0_1);
+	EXPECT_EQ(notices(), Lines{"zalk_set_status() - RING BROKEN LED: RED Link M=1 N=0\n"});
+}
+
+TEST_F(EventWork, StatusFilesHoldTheirTextsAfterEveryEventAndFollowItsFrames)
+{
+	make_ring(0, RING_TYPE_MEMBER);
+	member_config_ring_topology(0, DOWN_NET_MEMBER, 0);
+	auto texts = [] {
+		std::string s = fake::read_file("/var/run/zalkv2/3/state") + "|" + fake::read_file("/var/run/zalkv2/3/tc_count");
+		for (const char *p : {"eth1", "eth2"})
+			for (const char *f : {"link", "logical_state", "physical_state"})
+				s += "|" + fake::read_file(std::string("/var/run/zalkv2/3/") + p + "/" + f);
+		return s;
+	};
+	std::vector<std::string> at_send;
+	fake::send_hook = [&](const fake::Frame &) { at_send.push_back(fake::read_file("/var/run/zalkv2/3/state")); };
+	const std::pair<uint32_t, const char *> rows[] = {
+		{LINKA0_1, "Broken|2|1|Forwarding|FORWARDING|0|Not Qualified|BLOCKING"},
+		{LINKB0_1, "Broken|2|1|Forwarding|FORWARDING|0|Not Qualified|BLOCKING"}, // announcing, no change
+		{RX_LINK_RESPONSE, "Ok|3|1|Forwarding|FORWARDING|1|Forwarding|FORWARDING"},
+		{LINKA1_0, "Broken|4|0|Not Qualified|BLOCKING|1|Forwarding|FORWARDING"},
+	};
+	for (auto &[ev, want] : rows) {
+		event(0, ev);
+		EXPECT_EQ(texts(), want) << zalk_event_name(ev);
+	}
+	EXPECT_EQ(sent(), "Link Up@11 Link Up@12 Link Down@12");
+	EXPECT_EQ(at_send, (Lines{"Broken", "Broken", "Ok"})) << "the Link Down leaves before the state is written";
+}
+
+TEST_F(EventWork, DropFiltersRunAsOneBatchWithFailuresReportedAsAlone)
+{
+	make_ring(0, RING_TYPE_MEMBER, 3);
+	make_ring(1, RING_TYPE_FOCAL, 5, false);
+	fake::spawn_hook = [](const std::vector<std::string> &v) {
+		const std::string line = join(v);
+		return line.find("prio 322 ") != std::string::npos || line.find("dev eth11 ingress protocol 802.1Q prio 301") != std::string::npos;
+	};
+	zalkv2_block_unconfigured_rings(1); // one command at a time
+	zalkv2_block_v0_macs(1);
+	const Lines alone = errors(), commands = fake::commands;
+	ASSERT_TRUE(fake::batches.empty());
+	tc_list_create();
+	clear();
+	zalkv2_set_drop_filters(1);
+	EXPECT_EQ(errors(), alone);
+	EXPECT_EQ(fake::commands, commands);
+	ASSERT_EQ(fake::batches.size(), 1u);
+	EXPECT_EQ(fake::batches[0].substr(0, fake::batches[0].find('\n', 20) + 1),
+		  "tc -force -batch -\nfilter add dev eth1 ingress protocol 802.1Q prio 321 flower  dst_mac 03:4b:a1:01:01:01 vlan_id 4021 action drop\n");
+	EXPECT_EQ(count_of(fake::batches[0], "\n"), 1 + (18 * 2 * 3 + 3 * 3));
+	EXPECT_EQ(alone, (Lines{"System fail add port eth1 mac 03:4b:a1:01:01:02 loc 322\n\n",
+				"Could not block mac addresses for unconfigured ring id\n\n",
+				"System fail add port eth11 mac 01:00:5e:05:0a:09 loc 301\n\n", "Block zalkv0 macs failed\n\n"}));
+}
+
+} // namespace
