@@ -117,20 +117,31 @@ bool find_in(const char *dirs, const char *prog, char (&out)[PATH_MAX])
 
 } // namespace
 
-int os_spawn(char *const argv[])
+namespace {
+
+// The program to start for argv[0]: a name with a slash as it is, else
+// the first one on PATH, then on the system's own directories. nullptr
+// with errno ENOENT when there is none.
+const char *program_path(const char *prog, char (&path)[PATH_MAX])
+{
+	if (strchr(prog, '/'))
+		return prog;
+	if (find_in(getenv("PATH"), prog, path) || find_in(system_path, prog, path))
+		return path;
+	errno = ENOENT;
+	return nullptr;
+}
+
+// Starts the program and waits for it; the exit status, 256 + the signal
+// that ended it, or -1 with errno when it could not be started.
+int spawn_and_wait(char *const argv[], const posix_spawn_file_actions_t *fa)
 {
 	char path[PATH_MAX];
-	const char *prog = argv[0];
-	if (!strchr(prog, '/')) {
-		if (!find_in(getenv("PATH"), prog, path) && !find_in(system_path, prog, path)) {
-			errno = ENOENT;
-			return -1;
-		}
-		prog = path;
-	}
+	const char *prog = program_path(argv[0], path);
+	if (!prog)
+		return -1;
 	pid_t pid;
-	int err = posix_spawn(&pid, prog, nullptr, nullptr, argv, environ);
-	if (err) {
+	if (int err = posix_spawn(&pid, prog, fa, nullptr, argv, environ)) {
 		errno = err;
 		return -1;
 	}
@@ -143,6 +154,10 @@ int os_spawn(char *const argv[])
 		return WEXITSTATUS(status);
 	return 256 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
 }
+
+} // namespace
+
+int os_spawn(char *const argv[]) { return spawn_and_wait(argv, nullptr); }
 
 namespace {
 
@@ -192,18 +207,10 @@ int os_spawn_input(char *const argv[], const char *input, size_t len,
 	}
 	posix_spawn_file_actions_adddup2(&fa, in.fd, 0);
 	posix_spawn_file_actions_adddup2(&fa, err.fd, 2);
-	pid_t pid;
-	int e = posix_spawnp(&pid, argv[0], &fa, nullptr, argv, environ);
+	int status = spawn_and_wait(argv, &fa);
 	posix_spawn_file_actions_destroy(&fa);
-	if (e) {
-		errno = e;
+	if (status < 0)
 		return -1;
-	}
-	int status;
-	while (waitpid(pid, &status, 0) < 0) {
-		if (errno != EINTR)
-			return -1;
-	}
 	if (lseek(err.fd, 0, SEEK_SET) == 0) {
 		char buf[4096];
 		size_t have = 0;
@@ -228,9 +235,7 @@ int os_spawn_input(char *const argv[], const char *input, size_t len,
 			on_line(buf, ctx);
 		}
 	}
-	if (WIFEXITED(status))
-		return WEXITSTATUS(status);
-	return 256 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+	return status;
 }
 
 FILE *os_popen(const char *command, const char *mode) { return popen(command, mode); }

@@ -11,6 +11,10 @@
 
 namespace {
 
+void ignore_line(const char *, void *) {}
+
+// Runs the program both ways the daemon does: alone, and as a batch fed
+// on standard input; both must find the same program.
 int run(const char *path, const char *prog)
 {
 	if (path)
@@ -19,7 +23,10 @@ int run(const char *path, const char *prog)
 		unsetenv("PATH");
 	char arg[] = "-V";
 	char *argv[] = {(char *)prog, arg, nullptr};
-	return os_spawn(argv);
+	int alone = os_spawn(argv);
+	int batch = os_spawn_input(argv, "", 0, ignore_line, nullptr);
+	EXPECT_EQ(alone, batch) << prog;
+	return alone;
 }
 
 TEST(Spawn, SbinToolsAreFoundWithAnyPath)
