@@ -591,16 +591,20 @@ class Lab:
 		t = time.time()
 		sh(['ip', '-n', self.ns(s_down), 'link', 'set', p_down, 'up'])
 		self._settle(ends)
+		blocked = []
 		for s, p in ends:
 			if self.physical_state(s, p) != 'FORWARDING':
 				self._set_blocked(s, p)
-		# A daemon that opened the port between the file read and the
-		# set above (a member whose other link is down opens a returning
-		# port at once) writes its file after its request: while the
-		# ports are still held, its word wins.
+				blocked.append((s, p))
+		# A daemon that opened a port we just blocked, between the file
+		# read and the set above (a member whose other link is down opens
+		# a returning port at once), writes its file after its request:
+		# while the ports are still held, its word wins. Only a change to
+		# FORWARDING counts; a file that said so all along may be stale
+		# (the daemon blocks the returning port and writes the file later).
 		for _ in range(3):
 			time.sleep(0.02)
-			for s, p in ends:
+			for s, p in blocked:
 				if self.physical_state(s, p) == 'FORWARDING' and _port_state(self.ns(s), p) != 'forwarding':
 					sh(['bridge', '-n', self.ns(s), 'link', 'set', 'dev', p, 'state', '3'])
 		for s, p in ends:
