@@ -155,23 +155,14 @@ TEST_F(Receive, ShortFramesNeverReadStaleBytes)
 	ASSERT_EQ(evs.size(), 2u);
 	EXPECT_EQ(hex(Bytes(evs[1].data, evs[1].data + 32)), hex(up, 24, 6) + std::string(52, '0'));
 
-	packet_rcv(nullptr, &w, EV_READ); // nothing to read: an error line, nothing else
-	EXPECT_EQ(fake::logs, (std::vector<fake::LogLine>{{LOG_ERR, "recvfrom failed: Resource temporarily unavailable\n\n"}}));
-}
-
-// A frame the bridge passes on from the other ring port is seen leaving
-// this one; it was not received here and must not count twice.
-TEST_F(Receive, CopiesLeavingThePortAreNotReceivedOnIt)
-{
-	make_ring(0, RING_TYPE_MEMBER);
-	ev_io w;
-	w.fd = 100;
+	// A copy the bridge passes on from the other ring port is seen leaving
+	// this one; it was not received here and must not count twice.
 	fake::rx_queue.push_back({12, link_response(3, 1, OTHER, OTHER), PACKET_OUTGOING});
 	fake::rx_queue.push_back({11, link_response(3, 1, OTHER, OTHER), PACKET_MULTICAST});
-	packet_rcv(nullptr, &w, EV_READ);
-	packet_rcv(nullptr, &w, EV_READ);
+	for (int i = 0; i < 3; i++) // the third finds nothing to read: an error line, nothing else
+		packet_rcv(nullptr, &w, EV_READ);
 	EXPECT_EQ(events(), "0:FLUSH_FDB");
-	EXPECT_TRUE(fake::logs.empty());
+	EXPECT_EQ(fake::logs, (std::vector<fake::LogLine>{{LOG_ERR, "recvfrom failed: Resource temporarily unavailable\n\n"}}));
 }
 
 TEST_F(Receive, FramesFromOtherInterfacesAndDebugLines)
@@ -188,14 +179,10 @@ TEST_F(Receive, FramesFromOtherInterfacesAndDebugLines)
 	fake::set_debug(ZALK_STATE | ZALK_TRACE | ZALK_TIP);
 	clear();
 	handle(12, link_response(3, 2, nullptr, OWN));
-	handle(11, link_response(3, 0, nullptr, nullptr));
 	EXPECT_EQ(notices(), (Lines{"zalkv2_filter_packet() - eth2 type: 4\n port mac: 02:00:00:00:00:02\n pkt:0e:00:00:00:00:77\n",
 				    "zalkv2_recv() - ins: 0 port:eth2 Recevied zalk packet with type Link Response\n",
 				    "is_my_link_response() - br mac: 02:00:00:00:00:10 edge mac1:00:00:00:00:00:00 mac2 02:00:00:00:00:10\n",
-				    "is_link_response_packet() - ins:0 Link response: 0e:00:00:00:00:77 status: 0x1\n",
-				    "zalkv2_filter_packet() - eth1 type: 4\n port mac: 02:00:00:00:00:01\n pkt:0e:00:00:00:00:77\n",
-				    "zalkv2_recv() - ins: 0 port:eth1 Recevied zalk packet with type Link Response\n",
-				    "is_link_response_packet() - ins:0 Link response: 0e:00:00:00:00:77 Flush FDB\n"}));
+				    "is_link_response_packet() - ins:0 Link response: 0e:00:00:00:00:77 status: 0x1\n"}));
 }
 
 TEST_F(Receive, PacketSendOnlyOnLivePortsWithTheSourceWritten)
@@ -204,12 +191,10 @@ TEST_F(Receive, PacketSendOnlyOnLivePortsWithTheSourceWritten)
 	fake::set_debug(ZALK_TRACE);
 	instances[0].port[PORT_A].operstate = ZALK_OPER_DOWN;
 	packet_send(&instances[0].port[PORT_A], instances[0].tpl_trig, 64);
-	EXPECT_TRUE(fake::frames.empty() && fake::logs.empty());
-	EXPECT_EQ(instances[0].tpl_trig[6], 0) << "source untouched while down";
+	EXPECT_EQ(instances[0].tpl_trig[6] + fake::frames.size() + fake::logs.size(), 0u) << "nothing sent, source untouched";
 	packet_send(&instances[0].port[PORT_B], instances[0].tpl_trig, 64);
 	ASSERT_EQ(sent(), "Trig@12");
-	EXPECT_EQ(fake::frames[0].bytes.size(), 64u);
-	EXPECT_EQ(hex(fake::frames[0].bytes, 6, 6), "020000000002");
+	EXPECT_EQ(hex(fake::frames[0].bytes, 6, 6) + "/" + std::to_string(fake::frames[0].bytes.size()), "020000000002/64");
 	EXPECT_EQ(notices(), Lines{"packet_send() - Send packet on eth2(12)\n"});
 }
 
