@@ -1,5 +1,6 @@
 // Link monitoring against the fake OS: crafted rtnetlink link messages,
-// and the receive loop fed from a scripted recvmsg.
+// the receive loop fed from a scripted recvmsg, and a carrier loss
+// outrunning a frame read in the same loop pass.
 #include <cerrno>
 #include <linux/if.h>
 
@@ -175,6 +176,28 @@ TEST_F(LinkMon, InitOpensTheMonitorAndStartRunsOnlyAnInitialisedWatcher)
 	EXPECT_EQ(errors(), (Lines{"socket failed: Operation not permitted\n\n", "Can not initialize send socket\n"}));
 	zalkv2_link_monitor_start();
 	EXPECT_TRUE(ev_is_active(&link_watcher)) << "the monitor does not need the send socket";
+}
+
+// One loop pass with a frame waiting on a ring port and a carrier loss
+// waiting on the link monitor: the carrier loss reaches the event channel
+// first, whichever descriptor libev saw first.
+using Priorities = Unit;
+
+TEST_F(Priorities, CarrierLossIsPostedBeforeFramesReadInTheSamePass)
+{
+	make_ring(0, RING_TYPE_MEMBER);
+	zalkv2_init_sockets();
+	for (int first_frame = 0; first_frame < 2; first_frame++) {
+		ASSERT_EQ(zalkv2_open_port_socket(&instances[0].port[PORT_A]), 0);
+		instances[0].port[PORT_B].operstate = ZALK_OPER_UP;
+		fake::rx_queue.push_back({11, rx_frame(3, ZALK_LINK_DOWN, 26)});
+		fake::recvmsg_queue.push_back(datagram({link_msg(12, IF_OPER_DOWN)}));
+		ev_io *w[2] = {&instances[0].port[PORT_A].rx_watcher, &link_watcher};
+		ev_feed_event(loop, w[!first_frame], EV_READ);
+		ev_feed_event(loop, w[first_frame], EV_READ);
+		ev_invoke_pending(loop);
+		EXPECT_EQ(events(), "0:LINKB1_0 0:RX_LINKA_0") << "frame seen first: " << first_frame;
+	}
 }
 
 } // namespace
