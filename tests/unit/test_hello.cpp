@@ -101,24 +101,6 @@ TEST_F(Hello, QBitDecidesQualificationButNotItsLoss)
 	EXPECT_EQ(events(), "");
 }
 
-TEST_F(Hello, ReceivedHelloRecordsAndClearsAWrongInterval)
-{
-	ASSERT_EQ(is_hello_pkt(0, 12, hello(1, 1000).data()), 1);
-	EXPECT_EQ(instances[0].rx_errors[PORT_B].rx_wrong_hello_time, 1000);
-	EXPECT_EQ(instances[0].rx_errors[PORT_A].rx_wrong_hello_time, 0);
-	EXPECT_EQ(hex(Bytes(port(PORT_B).remote_bridge_id, port(PORT_B).remote_bridge_id + 8)), "0000020000000011");
-	ASSERT_EQ(is_hello_pkt(0, 12, hello(0, 500).data()), 1);
-	EXPECT_EQ(instances[0].rx_errors[PORT_B].rx_wrong_hello_time, 0);
-	// Not a Hello, not a port of this ring, or hello off: not taken, not counted.
-	Bytes ring = hello(0, 500);
-	ring[rx_off::TYPE] = ZALK_RING;
-	EXPECT_EQ(is_hello_pkt(0, 12, ring.data()) + is_hello_pkt(0, 21, hello(0, 500).data()), 0);
-	port(PORT_B).hello_enable = 0;
-	EXPECT_EQ(is_hello_pkt(0, 12, hello(1, 1000).data()), 0);
-	EXPECT_EQ(port(PORT_B).hello_rx, 2u);
-	EXPECT_EQ(instances[0].rx_errors[PORT_B].rx_wrong_hello_time, 0);
-}
-
 TEST_F(Hello, InitStartsOverAndATickDecidesOnTheStateItStartedWith)
 {
 	zalkv2_port &a = qualified(PORT_A);
