@@ -26,6 +26,15 @@ protected:
 		ring_tick(0);
 		return dispatch();
 	}
+	// Bridge requests and frames, in the order they left: opening the
+	// ring or telling others about it must follow the port states.
+	std::string order;
+	void record_order()
+	{
+		order.clear();
+		fake::talk_hook = [this](const nlmsghdr *n) { order += describe(n) + " "; return 0; };
+		fake::send_hook = [this](const fake::Frame &f) { order += zalk_frame_type_name(f.bytes.at(28)) + ("@" + std::to_string(f.ifindex)) + " "; };
+	}
 	void silent(int n)
 	{
 		for (int i = 0; i < n; i++)
@@ -46,18 +55,17 @@ TEST_F(Focal, ReturningFramesCloseTheRingAndTheFourthSilentIntervalOpensIt)
 	EXPECT_EQ(state_file(), "Ring Ok");
 	EXPECT_EQ(bridge(), CLOSED);
 	EXPECT_TRUE(has(notices(), "focal_config_ring_topology() - Ins:0 No change, same ring state RING_OK_NET_FOCAL\n"));
-	clear();
 	silent(3);
-	EXPECT_EQ(bridge(), "");
+	make_ring(1, RING_TYPE_MEMBER, 4);
+	record_order();
 	EXPECT_EQ(tick(false), 2);
 	EXPECT_EQ(state_file(), "Broken");
-	EXPECT_EQ(bridge(), "12=FORWARDING 11=FORWARDING 11:flush 12:flush");
+	EXPECT_EQ(order, "Ring@11 Ring@12 12=FORWARDING 11=FORWARDING 11:flush 12:flush Flush@21 Flush@22 ");
 	EXPECT_TRUE(has(notices(), "focal_ring_timeout() - I:0 RX_TIMEOUT while in not GUARDED mode\n"));
 	EXPECT_TRUE(has(notices(), "focal_config_ring_topology() - I:0 RING_OK_NET_FOCAL -> BROKEN_NET_FOCAL\n"));
-	clear(); // later timeouts are ignored while broken
+	record_order(); // later timeouts are ignored while broken
 	EXPECT_EQ(tick(false), 2);
-	EXPECT_EQ(bridge(), "");
-	EXPECT_EQ(sent(), "Ring@11 Ring@12");
+	EXPECT_EQ(order, "Ring@11 Ring@12 ");
 }
 
 TEST_F(Focal, GuardedStaysBlockedSendsTrigAndOpensOnlyOnLinkDown)
@@ -65,11 +73,10 @@ TEST_F(Focal, GuardedStaysBlockedSendsTrigAndOpensOnlyOnLinkDown)
 	instances[0].guarded_recovery = 1;
 	tick(true);
 	silent(3);
-	clear();
+	record_order();
 	tick(false);
 	EXPECT_EQ(state_file(), "Ring Fail");
-	EXPECT_EQ(bridge(), CLOSED);
-	EXPECT_EQ(sent(), "Ring@11 Ring@12 Trig@11 Trig@12 Trig@11 Trig@12");
+	EXPECT_EQ(order, "Ring@11 Ring@12 " + CLOSED + " Trig@11 Trig@12 Trig@11 Trig@12 ");
 	clear();
 	tick(false);
 	EXPECT_EQ(bridge() + sent(), "Ring@11 Ring@12 Trig@11 Trig@12 Trig@11 Trig@12");
@@ -86,10 +93,10 @@ TEST_F(Focal, FramesReturningFourIntervalsWhileBrokenGiveRingFailThenOk)
 	clear();
 	for (int i = 0; i < 3; i++)
 		ASSERT_EQ(tick(true), 0) << "interval " << i + 1;
+	record_order();
 	EXPECT_EQ(tick(true), 2); // RX_PACKET_BUS per port
 	EXPECT_EQ(state_file(), "Ring Fail");
-	EXPECT_EQ(bridge(), CLOSED);
-	EXPECT_EQ(count_of(sent(), "Trig@11 Trig@12"), 2u);
+	EXPECT_EQ(order, "Ring@11 Ring@12 " + CLOSED + " Trig@11 Trig@12 Trig@11 Trig@12 ");
 	tick(true);
 	EXPECT_EQ(state_file(), "Ring Ok");
 }
