@@ -81,35 +81,6 @@ TEST_F(Dispatch, LinkDownFramesAndFlush)
 	EXPECT_EQ(bridge() + "/" + sent(), "21:flush 22:flush 21:flush 22:flush/Flush@11 Flush@12");
 }
 
-TEST_F(Dispatch, LocalLinkDownByRole)
-{
-	make_ring(0, RING_TYPE_MEMBER);
-	make_ring(1, RING_TYPE_FOCAL, 4, false);
-	fake::set_debug(ZALK_TRACE);
-	// Member with only port B up loses it while already DOWN: nothing is
-	// applied, yet the Link Down frame still leaves by port A.
-	links(0, 0, 1);
-	instances[0].ring_state = DOWN_NET_MEMBER;
-	event(0, LINKB1_0);
-	event(0, LINKB1_0);
-	EXPECT_EQ(bridge(), "");
-	EXPECT_EQ(sent(), "Link Down@11 Flush@21");
-	EXPECT_TRUE(has(notices(), "local_link_down() - Port already down state: Down\n"));
-	// Both up, BROKEN already: losing port A is applied anyway (forced).
-	links(0, 1, 1);
-	instances[0].ring_state = BROKEN_NET_MEMBER;
-	clear();
-	event(0, LINKA1_0);
-	EXPECT_EQ(bridge(), "11=BLOCKING 12=FORWARDING 11:flush 12:flush");
-	EXPECT_EQ(sent(), "Link Down@12 Flush@21");
-	// A bus-edge focal point losing its only port goes down; it sends no Link Down.
-	links(1, 1, 0);
-	clear();
-	event(1, LINKA1_0);
-	EXPECT_EQ(instances[1].ring_state, (uint32_t)DOWN_NET_FOCAL);
-	EXPECT_EQ(bridge() + "/" + sent(), "21=BLOCKING 21:flush/Flush@11 Flush@12");
-}
-
 TEST_F(Dispatch, FocalLinkUpOnlyOpensTheHoldAndEdgeIdsKeepTheLatestTwo)
 {
 	make_ring(0, RING_TYPE_FOCAL);

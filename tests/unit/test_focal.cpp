@@ -142,46 +142,4 @@ TEST_F(Focal, LinkDownFrameDuringTheHoldCancelsTheAnswer)
 	EXPECT_EQ(sent() + bridge(), "");
 }
 
-TEST_F(Focal, BusEdgeSupervisesAndAnswersOnPortAOnly)
-{
-	make_ring(1, RING_TYPE_FOCAL, 4, false);
-	clear();
-	focal_config_ring_topology(1, RING_FAIL_NET_FOCAL, 1);
-	EXPECT_EQ(bridge(), "21=BLOCKING 21:flush");
-	event(1, LINKA0_1);
-	clear();
-	for (uint32_t t = 0; t < instances[1].response_delay + 4; t++)
-		hold_tick();
-	EXPECT_EQ(state_file(4), "Ring Ok");
-	EXPECT_EQ(bridge(), "21=BLOCKING 21:flush"); // the bus end stays closed
-	EXPECT_EQ(sent(), "Link Response@21 Flush@11 Flush@12");
-	clear();
-	for (int i = 0; i < 10; i++)
-		ring_tick(1);
-	EXPECT_EQ(count_of(sent(), "@22"), 0u);
-	EXPECT_EQ(dispatch(), 7); // RX_TIMEOUT from port A, intervals 4 to 10
-}
-
-TEST_F(Focal, ForcedChangeReappliesAndLogsTheThreeStepsAndTheTimerKeepsItsInterval)
-{
-	clear();
-	fake::set_debug(ZALK_EVENTLOG);
-	focal_config_ring_topology(0, RING_FAIL_NET_FOCAL, 0);
-	EXPECT_EQ(bridge(), "");
-	focal_config_ring_topology(0, RING_FAIL_NET_FOCAL, 1);
-	EXPECT_EQ(bridge(), CLOSED);
-	EXPECT_EQ(event_log(), "437.052 focal_config_ring_topology() - zalk_port_states (ins)\n"
-			       "437.052 focal_config_ring_topology() - zalkv2_fdb_flush()\n"
-			       "437.052 focal_config_ring_topology() - zalk_set_status (ins)\n");
-	EXPECT_EQ(fake::read_file("/var/run/zalkv2/3/tc_count"), "2");
-
-	ring_tick(0);
-	EXPECT_NEAR(ev_timer_remaining(loop, &instances[0].ring_timer), 0.5, 1e-6);
-	instances[0].ring_interval = 0.0f;
-	ring_tick(0);
-	EXPECT_NEAR(ev_timer_remaining(loop, &instances[0].ring_timer), 0.010, 1e-6);
-	focal_ring_timer_start(0, loop);
-	EXPECT_EQ(errors(), Lines{"Ring interval of instance 0 too short, checking every 10 ms\n"});
-}
-
 } // namespace

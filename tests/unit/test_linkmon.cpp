@@ -63,69 +63,15 @@ protected:
 	zalkv2_port &port(int p) { return instances[2].port[p]; }
 };
 
-// Real links going down and up run against the kernel; here the message
-// kinds and states a veth does not produce.
-TEST_F(LinkMon, OperationalStatesBecomeEventsOrHelloStatesOnce)
-{
-	fake::set_debug(ZALK_STATE);
-	const struct {
-		Bytes msg;
-		const char *events;
-	} rows[] = {
-		{link_msg(31, IF_OPER_DOWN, "x", RTM_DELLINK), "2:LINKA1_0"},
-		{link_msg(31, IF_OPER_DOWN), ""}, // same state again: nothing
-		{link_msg(31, IF_OPER_UP, "x", RTM_NEWLINK, AF_BRIDGE), "2:LINKA0_1"},
-		{link_msg(31, IF_OPER_DORMANT), "2:LINKA1_0"}, // below up: down
-		{link_msg(31, 7), ""},                         // unknown states: ignored
-		{link_msg(31, IF_OPER_UP, "x", RTM_NEWLINK, AF_INET), ""},
-		{link_msg(31, IF_OPER_UP, "x", RTM_NEWADDR), ""},
-		{link_msg(31, NO_OPER), ""},
-		{link_msg(13, IF_OPER_UP), ""}, // not a ring port
-		{link_msg(32, IF_OPER_LOWERLAYERDOWN), "2:LINKB1_0"}, // with hello: no longer qualified
-		{link_msg(32, IF_OPER_UP), ""},                       // the next tick decides
-		{link_msg(32, IF_OPER_DOWN), ""},                     // already down by hello: silently
-	};
-	hello_set_state(2, PORT_B, HELLO_QUALIFIED);
-	events();
-	for (auto &r : rows) {
-		EXPECT_EQ(feed(r.msg), 0);
-		EXPECT_EQ(events(), r.events) << hex(r.msg);
-	}
-	EXPECT_EQ(port(PORT_A).operstate, ZALK_OPER_DOWN);
-	EXPECT_EQ(port(PORT_B).hello_state, HELLO_PHY_DOWN);
-	zalk_status_flush(); // what the loop does once the event's frames are out
-	EXPECT_EQ(fake::read_file("/var/run/zalkv2/30/eth21/link") + fake::read_file("/var/run/zalkv2/30/eth22/link"), "00");
-	EXPECT_EQ(notices(), (Lines{"netlink_listen() - LINK DOWN eth21\n", "netlink_listen() - LINK UP eth21\n", "netlink_listen() - LINK DOWN eth21\n",
-				    "netlink_listen() - LINK DOWN eth22\n", "netlink_listen() - LINK UP eth22\n", "netlink_listen() - LINK DOWN eth22\n"}));
-
-	testing::internal::CaptureStdout();
-	EXPECT_EQ(feed(link_msg(31, IF_OPER_UP, nullptr)), -1);
-	EXPECT_EQ(testing::internal::GetCapturedStdout(), "BUG: nil ifname\n");
-	Bytes shortmsg = link_msg(31, IF_OPER_UP);
-	reinterpret_cast<nlmsghdr *>(shortmsg.data())->nlmsg_len = NLMSG_HDRLEN + 8;
-	EXPECT_EQ(feed(shortmsg), -1);
-	EXPECT_EQ(events(), "");
-}
-
-TEST_F(LinkMon, UpdateLinkStatusAppliesBothPortsEveryTime)
-{
-	fake::set_debug(ZALK_DBG);
-	port(PORT_B).hello_enable = 0;
-	zalkv2_update_link_status(2);
-	zalkv2_update_link_status(2); // unchanged links post again: the ring logic re-learns them
-	EXPECT_EQ(events(), "2:LINKA0_1 2:LINKB1_0 2:LINKA0_1 2:LINKB1_0");
-	EXPECT_TRUE(has(notices(), "zalkv2_update_link_status() - I(2): Link A(31): 64 Link B(32): 0\n"));
-	port(PORT_B).ifindex = -1;
-	zalkv2_update_link_status(2);
-	EXPECT_EQ(events(), "2:LINKA0_1");
-}
-
 TEST_F(LinkMon, ListenDrainsTheSocketAndStopsAtARefusedMessageOrAnError)
 {
 	fake::recvmsg_queue = {datagram({link_msg(31, IF_OPER_DOWN), link_msg(13, IF_OPER_DOWN), link_msg(31, IF_OPER_UP)}),
 			       datagram({link_msg(31, IF_OPER_DOWN)})};
 	EXPECT_EQ(link_listen(&link_rth, netlink_listen, stdout), 0);
 	EXPECT_EQ(events(), "2:LINKA1_0 2:LINKA0_1 2:LINKA1_0");
+	Bytes done = link_msg(31, IF_OPER_UP); // the end of a dump reads on
+	reinterpret_cast<nlmsghdr *>(done.data())->nlmsg_type = NLMSG_DONE;
+	EXPECT_EQ(feed(done), 0);
 	EXPECT_EQ(fake::recvmsg_calls, 3) << "reads until EAGAIN, no further";
 
 	fake::recvmsg_queue = {datagram({link_msg(31, IF_OPER_UP), link_msg(31, IF_OPER_DOWN, nullptr), link_msg(31, IF_OPER_DOWN)}),
@@ -149,33 +95,6 @@ TEST_F(LinkMon, ListenDrainsTheSocketAndStopsAtARefusedMessageOrAnError)
 		EXPECT_EQ(fake::recvmsg_queue.size(), 1u) << "returns at once on errno " << err;
 	}
 	EXPECT_EQ(events(), "");
-}
-
-TEST_F(LinkMon, InitOpensTheMonitorAndStartRunsOnlyAnInitialisedWatcher)
-{
-	zalkv2_init_sockets();
-	EXPECT_EQ(link_rth.local.nl_groups, (unsigned)RTMGRP_LINK);
-	zalkv2_link_monitor_start();
-	fake::recvmsg_queue.push_back(datagram({link_msg(31, IF_OPER_DOWN)}));
-	netlink_io_cb(loop, &link_watcher, EV_READ); // the watcher's callback drains the handle
-	EXPECT_EQ(events(), "2:LINKA1_0");
-	EXPECT_TRUE(ev_is_active(&link_watcher));
-	zalkv2_link_monitor_stop();
-	EXPECT_FALSE(ev_is_active(&link_watcher));
-	EXPECT_TRUE(errors().empty());
-
-	fake::rtnl_open_fails = true;
-	zalkv2_init_sockets();
-	EXPECT_EQ(errors(), Lines{"netlink init failed!\n\n"});
-	zalkv2_link_monitor_start();
-	EXPECT_FALSE(ev_is_active(&link_watcher)) << "no watcher without a handle";
-	clear();
-	fake::rtnl_open_fails = false;
-	fake::socket_fails = true;
-	zalkv2_init_sockets();
-	EXPECT_EQ(errors(), (Lines{"socket failed: Operation not permitted\n\n", "Can not initialize send socket\n"}));
-	zalkv2_link_monitor_start();
-	EXPECT_TRUE(ev_is_active(&link_watcher)) << "the monitor does not need the send socket";
 }
 
 // One loop pass with a frame waiting on a ring port and a carrier loss

@@ -64,25 +64,6 @@ TEST_F(Member, LinksComeUpAnnouncementRunsAnswerOpensBothPorts)
 	EXPECT_EQ(instances[0].port[PORT_A].state, (uint32_t)PORT_BLOCKING);
 }
 
-TEST_F(Member, ForwardDelayExpiresAtTheDPlus1thTickAndZeroWaitsForever)
-{
-	instances[0].port[PORT_A].fwd_delay = 5;
-	event(0, LINKA0_1);
-	event(0, LINKB0_1);
-	fake::set_debug(ZALK_STATE);
-	announcing(5);
-	member_tick();
-	EXPECT_TRUE(has(notices(), "check_fwd_delay_expired() - check_fwd_delay_expired - Ins 0 Counter expired, set port to FWD\n"));
-	EXPECT_EQ(dispatch(), 1);
-	EXPECT_EQ(state_file(), "Ok");
-	stopped();
-
-	instances[0].port[PORT_A].fwd_delay = 0;
-	event(0, LINKB1_0);
-	event(0, LINKB0_1);
-	announcing(50);
-}
-
 TEST_F(Member, LinkDownDuringAnnouncementStopsItAndASecondLinkUpDoesNotRestartIt)
 {
 	event(0, LINKA0_1);
@@ -119,19 +100,6 @@ TEST_F(Member, TrigAndRingResponseAreAnsweredWithLinkDownPerDownLink)
 	event(0, RX_LINKA_1, link_up_payload(0x07));
 	ASSERT_EQ(sent(), "Link Response@11");
 	EXPECT_EQ(hex(fake::frames[0].bytes, 40, 8), "000002aa00000007");
-}
-
-TEST_F(Member, BusEdgeAnnouncesItsOnlyPortAndOpensItOnTheAnswer)
-{
-	make_ring(1, RING_TYPE_MEMBER, 4, false);
-	member_config_ring_topology(1, DOWN_NET_MEMBER, 0);
-	clear();
-	event(1, LINKA0_1);
-	event(1, FOCAL_TRIG);
-	EXPECT_EQ(bridge() + sent(), "Link Up@21");
-	event(1, RX_LINK_RESPONSE);
-	EXPECT_EQ(bridge(), "21=FORWARDING 21:flush");
-	EXPECT_EQ(state_file(4), "Ok");
 }
 
 } // namespace

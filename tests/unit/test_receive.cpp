@@ -99,50 +99,6 @@ TEST_F(Receive, OwnTaggedAndForeignFramesAreDroppedButReturningRingFramesCounted
 	EXPECT_TRUE(fake::frames.empty());
 }
 
-TEST_F(Receive, RingFramesAreTurnedAroundOnlyByAMemberBusEdgeAndUnknownTypesAreLogged)
-{
-	make_ring(0, RING_TYPE_MEMBER, 3, false);
-	make_ring(1, RING_TYPE_MEMBER, 4);
-	make_ring(2, RING_TYPE_FOCAL, 5);
-	fake::set_debug(ZALK_STATE);
-	handle(11, rx_frame(3, ZALK_RING, 12));
-	handle(22, rx_frame(4, ZALK_RING, 12));
-	handle(31, rx_frame(5, ZALK_RING, 12));
-	handle(31, rx_frame(5, ZALK_TRIG, 12)); // Trig at a focal point: nothing at all
-	EXPECT_EQ(instances[0].port[PORT_A].rx_ring + instances[1].port[PORT_B].rx_ring + instances[2].port[PORT_A].rx_ring, 3u);
-	ASSERT_EQ(sent(), "Ring@11");
-	EXPECT_EQ(fake::frames[0].bytes, Bytes(instances[0].tpl_ring, instances[0].tpl_ring + 64));
-	EXPECT_TRUE(fake::logs.empty());
-	handle(21, rx_frame(4, ZALK_HELLO, 14)); // Hello on a port without hello, and an unknown type
-	handle(21, rx_frame(4, 9, 12));
-	EXPECT_EQ(notices(), (Lines{"zalkv2_recv() - Unhandled packets\n", "zalkv2_recv() - Unhandled packets\n"}));
-	EXPECT_EQ(events(), "");
-}
-
-TEST_F(Receive, ShortFramesNeverReadStaleBytes)
-{
-	make_ring(0, RING_TYPE_MEMBER);
-	ev_io w;
-	w.fd = 100;
-	Bytes full = link_response(3, 1, OTHER, OWN); // leaves its bytes in the receive buffer
-	fake::rx_queue.push_back({11, full});
-	fake::rx_queue.push_back({11, Bytes(full.begin(), full.begin() + 40)}); // cut before its edges
-	fake::rx_queue.push_back({12, Bytes(full.begin(), full.begin() + 20)}); // cut inside the header: ring 255
-	for (int i = 0; i < 3; i++)
-		packet_rcv(nullptr, &w, EV_READ);
-	EXPECT_EQ(events(), "0:RX_LINK_RESPONSE_RING 0:FLUSH_FDB");
-	EXPECT_EQ(instances[0].rx_errors[PORT_B].rx_wrong_ring_id, 255);
-
-	// A copy the bridge passes on from the other ring port is seen leaving
-	// this one; it was not received here and must not count twice.
-	fake::rx_queue.push_back({12, link_response(3, 1, OTHER, OTHER), PACKET_OUTGOING});
-	fake::rx_queue.push_back({11, link_response(3, 1, OTHER, OTHER), PACKET_MULTICAST});
-	for (int i = 0; i < 3; i++) // the third finds nothing to read: an error line, nothing else
-		packet_rcv(nullptr, &w, EV_READ);
-	EXPECT_EQ(events(), "0:FLUSH_FDB");
-	EXPECT_EQ(fake::logs, (std::vector<fake::LogLine>{{LOG_ERR, "recvfrom failed: Resource temporarily unavailable\n\n"}}));
-}
-
 TEST_F(Receive, FramesFromOtherInterfacesAndDebugLines)
 {
 	make_ring(0, RING_TYPE_MEMBER);
@@ -161,19 +117,6 @@ TEST_F(Receive, FramesFromOtherInterfacesAndDebugLines)
 				    "zalkv2_recv() - ins: 0 port:eth2 Recevied zalk packet with type Link Response\n",
 				    "is_my_link_response() - br mac: 02:00:00:00:00:10 edge mac1:00:00:00:00:00:00 mac2 02:00:00:00:00:10\n",
 				    "is_link_response_packet() - ins:0 Link response: 0e:00:00:00:00:77 status: 0x1\n"}));
-}
-
-TEST_F(Receive, PacketSendOnlyOnLivePortsWithTheSourceWritten)
-{
-	make_ring(0, RING_TYPE_MEMBER);
-	fake::set_debug(ZALK_TRACE);
-	instances[0].port[PORT_A].operstate = ZALK_OPER_DOWN;
-	packet_send(&instances[0].port[PORT_A], instances[0].tpl_trig, 64);
-	EXPECT_EQ(instances[0].tpl_trig[6] + fake::frames.size() + fake::logs.size(), 0u) << "nothing sent, source untouched";
-	packet_send(&instances[0].port[PORT_B], instances[0].tpl_trig, 64);
-	ASSERT_EQ(sent(), "Trig@12");
-	EXPECT_EQ(hex(fake::frames[0].bytes, 6, 6) + "/" + std::to_string(fake::frames[0].bytes.size()), "020000000002/64");
-	EXPECT_EQ(notices(), Lines{"packet_send() - Send packet on eth2(12)\n"});
 }
 
 } // namespace
