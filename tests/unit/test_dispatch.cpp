@@ -1,6 +1,6 @@
 // The event channel's refusals and limits; the dispatcher's checks,
-// refusals, traces and event-log pairing, and the local link events and
-// edge bookkeeping it drives.
+// refusals, traces and event-log pairing, and the flushes and edge
+// bookkeeping it drives.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>

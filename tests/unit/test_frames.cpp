@@ -1,5 +1,5 @@
-// Frame templates, group addresses, the header check and the small
-// senders, checked byte for byte against the wire layout.
+// Frame templates and a sent Ring frame, checked byte for byte against
+// the wire layout.
 #include "tests/fakes/fixture.h"
 
 using namespace fx;

@@ -1,7 +1,5 @@
 // The receive path: frames as the kernel hands them over (tag stripped)
 // become the right events, or are dropped for the right reasons.
-#include <linux/if_packet.h>
-
 #include "tests/fakes/fixture.h"
 
 using namespace fx;
