@@ -164,13 +164,6 @@ Bytes rx_frame(uint8_t ring, uint8_t type, uint8_t plen, const uint8_t *src)
 	memcpy(&f[12], llc, sizeof(llc));
 	return f;
 }
-Bytes received(const Bytes &s)
-{
-	Bytes r(64, 0);
-	memcpy(&r[0], s.data(), 12);
-	memcpy(&r[12], s.data() + 16, std::min<size_t>(s.size(), 64) - 16);
-	return r;
-}
 Bytes link_up_payload(uint8_t last)
 {
 	Bytes p(SM_LINK_UP_DATA_LEN, 0);

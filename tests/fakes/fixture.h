@@ -61,8 +61,6 @@ std::string events();
 // A frame as the kernel delivers it (tag stripped, 60 bytes), from PEER.
 extern const uint8_t PEER[6];
 Bytes rx_frame(uint8_t ring, uint8_t type, uint8_t plen, const uint8_t *src = PEER);
-// A sent frame as the far end receives it.
-Bytes received(const Bytes &sent);
 // A Link Up event's payload (frame bytes from 24): sender id ...:<last>.
 Bytes link_up_payload(uint8_t last);
 

@@ -1,6 +1,7 @@
 // Fake OS boundary for the unit tests.
 #include "tests/fakes/fake.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -95,18 +96,14 @@ void add_iface(const std::string &name, int index, const uint8_t mac[6], bool ru
 
 Iface *iface_by_name(const std::string &name)
 {
-	for (auto &i : ifaces)
-		if (i.name == name)
-			return &i;
-	return nullptr;
+	auto i = std::find_if(ifaces.begin(), ifaces.end(), [&](const Iface &f) { return f.name == name; });
+	return i == ifaces.end() ? nullptr : &*i;
 }
 
 Iface *iface_by_index(int index)
 {
-	for (auto &i : ifaces)
-		if (i.index == index)
-			return &i;
-	return nullptr;
+	auto i = std::find_if(ifaces.begin(), ifaces.end(), [&](const Iface &f) { return f.index == index; });
+	return i == ifaces.end() ? nullptr : &*i;
 }
 
 void write_file(const std::string &path, const std::string &content)

@@ -1,5 +1,6 @@
-// The dispatcher's checks, refusals, traces and event-log pairing, and
-// the local link events and edge bookkeeping it drives.
+// The event channel's refusals and limits; the dispatcher's checks,
+// refusals, traces and event-log pairing, and the flushes and edge
+// bookkeeping it drives.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -31,47 +32,36 @@ void write_raw(uint32_t ins, uint32_t ev)
 	ASSERT_EQ(write(wfd, &rec, sizeof(rec)), (ssize_t)sizeof(rec));
 }
 
-TEST_F(Dispatch, InvalidRecordsAreReportedAndTheNextOneIsHandled)
-{
-	make_ring(0, RING_TYPE_MEMBER);
-	write_raw(12, FLUSH_FDB);
-	post(5, FLUSH_FDB); // a slot nobody configured
-	write_raw(0, 15);
-	post(0, FLUSH_FDB);
-	EXPECT_EQ(dispatch(), 4);
-	EXPECT_EQ(errors(), (Lines{"Instance 12 is to large, max is 10\n", "ZALK instance 5 do not exists\n", "Invalid event 15 received!\n"}));
-	EXPECT_EQ(bridge(), "11:flush 12:flush");
-}
-
-TEST_F(Dispatch, RefusalsByRoleAndEventLogPairing)
+TEST_F(Dispatch, InvalidRecordsAndRefusalsByRoleAreReportedAndLeftPaired)
 {
 	make_ring(0, RING_TYPE_MEMBER);
 	make_ring(1, RING_TYPE_FOCAL, 4);
 	links(0, 1, 1);
 	links(1, 1, 1);
 	fake::set_debug(ZALK_EVENTLOG);
+	write_raw(12, FLUSH_FDB);
+	post(5, FLUSH_FDB); // a slot nobody configured
+	write_raw(0, 15);
 	for (uint32_t ev : {RX_TIMEOUT, RX_PACKET_BUS, RX_PCK})
 		post(0, ev);
 	post(1, FOCAL_TRIG);
-	dispatch();
-	EXPECT_EQ(errors(), (Lines{"Enter RX_TIMEOUT but is RING_TYPE_MEMBER\n", "Enter RX_PACKET_BUS but is RING_TYPE_MEMBER\n",
+	post(1, RX_LINK_RESPONSE); // a focal point's own kind of answer means nothing to it
+	post(1, RX_LINK_RESPONSE_RING);
+	EXPECT_EQ(dispatch(), 9);
+	EXPECT_EQ(errors(), (Lines{"Instance 12 is to large, max is 10\n", "ZALK instance 5 do not exists\n", "Invalid event 15 received!\n",
+				   "Enter RX_TIMEOUT but is RING_TYPE_MEMBER\n", "Enter RX_PACKET_BUS but is RING_TYPE_MEMBER\n",
 				   "Enter RX_PCK but is RING_TYPE_MEMBER\n", "Enter FOCAL_TRIG but is RING_TYPE_FOCAL\n"}));
-	EXPECT_EQ(count_of(event_log(), "Enter"), 4u);
-	EXPECT_EQ(count_of(event_log(), "Leaving\n"), 4u);
-	EXPECT_EQ(sent() + bridge(), "");
-
-	// A focal point's own kind of answer means nothing to it: no line at all.
-	clear();
-	event(1, RX_LINK_RESPONSE);
-	event(1, RX_LINK_RESPONSE_RING);
-	EXPECT_TRUE(fake::logs.empty());
+	EXPECT_EQ(count_of(event_log(), "Enter"), 7u);
+	EXPECT_EQ(count_of(event_log(), "Leaving\n"), 9u);
 	EXPECT_EQ(sent() + bridge(), "");
 
 	fake::set_debug(ZALK_STATE | ZALK_EVENTLOG);
+	clear();
 	event(1, FLUSH_FDB);
 	EXPECT_EQ(notices(), Lines{"sm_cb() - I:1 Ev:FLUSH_FDB time: 437.052 s\n"});
 	std::string log = event_log();
 	EXPECT_EQ(log.substr(log.find("437.052 sm_cb() - I:1 Enter FLUSH_FDB")), "437.052 sm_cb() - I:1 Enter FLUSH_FDB\n437.052 sm_cb() - Leaving\n");
+	EXPECT_EQ(bridge(), "21:flush 22:flush");
 }
 
 TEST_F(Dispatch, LinkDownFramesAndFlush)
@@ -87,43 +77,8 @@ TEST_F(Dispatch, LinkDownFramesAndFlush)
 	// A member flushes on a Link Down frame (telling the other rings) and on a Flush frame.
 	clear();
 	event(1, RX_LINKB_0);
-	EXPECT_EQ(bridge(), "21:flush 22:flush");
-	EXPECT_EQ(sent(), "Flush@11 Flush@12");
-	clear();
 	event(1, FLUSH_FDB);
-	EXPECT_EQ(bridge() + "/" + sent(), "21:flush 22:flush/");
-}
-
-TEST_F(Dispatch, LocalLinkDownByRole)
-{
-	make_ring(0, RING_TYPE_MEMBER);
-	make_ring(1, RING_TYPE_FOCAL, 4, false);
-	fake::set_debug(ZALK_TRACE);
-	// Member with only port B up loses it while already DOWN: nothing is
-	// applied, yet the Link Down frame still leaves by port A.
-	links(0, 0, 1);
-	instances[0].ring_state = DOWN_NET_MEMBER;
-	event(0, LINKB1_0);
-	EXPECT_EQ(bridge(), "");
-	EXPECT_EQ(sent(), "Link Down@11 Flush@21");
-	clear();
-	event(0, LINKB1_0);
-	EXPECT_TRUE(has(notices(), "local_link_down() - Port already down state: Down\n"));
-	EXPECT_EQ(sent(), "");
-	// Both up, BROKEN already: losing port A is applied anyway (forced).
-	links(0, 1, 1);
-	instances[0].ring_state = BROKEN_NET_MEMBER;
-	clear();
-	event(0, LINKA1_0);
-	EXPECT_EQ(bridge(), "11=BLOCKING 12=FORWARDING 11:flush 12:flush");
-	EXPECT_EQ(sent(), "Link Down@12 Flush@21");
-	// A bus-edge focal point losing its only port goes down; it sends no Link Down.
-	links(1, 1, 0);
-	clear();
-	event(1, LINKA1_0);
-	EXPECT_EQ(instances[1].ring_state, (uint32_t)DOWN_NET_FOCAL);
-	EXPECT_EQ(bridge(), "21=BLOCKING 21:flush");
-	EXPECT_EQ(sent(), "Flush@11 Flush@12");
+	EXPECT_EQ(bridge() + "/" + sent(), "21:flush 22:flush 21:flush 22:flush/Flush@11 Flush@12");
 }
 
 TEST_F(Dispatch, FocalLinkUpOnlyOpensTheHoldAndEdgeIdsKeepTheLatestTwo)
@@ -149,6 +104,46 @@ TEST_F(Dispatch, FocalLinkUpOnlyOpensTheHoldAndEdgeIdsKeepTheLatestTwo)
 	clear();
 	store_edge_id(0, nullptr);
 	EXPECT_EQ(errors(), Lines{"No valid data\n"});
+}
+
+using Channel = Unit;
+using Logs = std::vector<fake::LogLine>;
+
+TEST_F(Channel, RefusalsPayloadLimitsAndReadFailure)
+{
+	EXPECT_EQ(sm_send_event(10, FLUSH_FDB, nullptr, 0), -1);
+	EXPECT_EQ(sm_send_event((uint32_t)-1, FLUSH_FDB, nullptr, 0), -1);
+	EXPECT_EQ(fake::logs, (Logs{{LOG_ERR, "Instance 10 invalid\n"}, {LOG_ERR, "Instance -1 invalid\n"}}));
+	EXPECT_TRUE(posted().empty());
+
+	Bytes big(40);
+	for (int i = 0; i < 40; i++)
+		big[i] = (uint8_t)(0xA0 + i);
+	clear();
+	EXPECT_EQ(sm_send_event(9, RX_LINKA_1, big.data(), 31), 40);
+	EXPECT_EQ(sm_send_event(2, RX_LINKB_1, big.data(), 32), 40); // too long: sent without data
+	EXPECT_EQ(sm_send_event(4, RX_LINKB_0, nullptr, 20), 40);
+	EXPECT_EQ(fake::logs, (Logs{{LOG_ERR, "Data field to small\n\n"}}));
+	auto evs = posted();
+	ASSERT_EQ(evs.size(), 3u);
+	EXPECT_EQ(evs[0].instance, 9u);
+	EXPECT_EQ(evs[0].event, RX_LINKA_1);
+	EXPECT_EQ(hex(Bytes(evs[0].data, evs[0].data + 32)), hex(big, 0, 31) + "00");
+	EXPECT_EQ(hex(Bytes(evs[1].data, evs[1].data + 32)) + hex(Bytes(evs[2].data, evs[2].data + 32)), std::string(128, '0'));
+
+	clear();
+	sm_event ev;
+	EXPECT_EQ(sm_read_event(&ev), -1);
+	EXPECT_EQ(fake::logs, (Logs{{LOG_ERR, "\nFailed redaing from pipe.\n\n"}}));
+}
+
+TEST_F(Channel, AFullChannelDropsWholeRecordsWithoutBlocking)
+{
+	int n = 0;
+	while (sm_send_event(2, FLUSH_FDB, nullptr, 0) == 40)
+		ASSERT_LT(++n, 1 << 20);
+	EXPECT_EQ(fake::logs.back(), (fake::LogLine{LOG_ERR, "\nFailed to send event to state machine, ins:2 FLUSH_FDB\n\n"}));
+	EXPECT_EQ((int)posted().size(), n);
 }
 
 } // namespace

@@ -63,36 +63,4 @@ TEST_P(PortTable, DecidesAndAppliesBlockingFirst)
 
 INSTANTIATE_TEST_SUITE_P(Rows, PortTable, ::testing::ValuesIn(rows), [](const auto &info) { return std::string(info.param.name); });
 
-using Ports = Unit;
-
-TEST_F(Ports, FailedRequestIsReportedOnceAndTheOtherPortIsStillAsked)
-{
-	make_ring(0, RING_TYPE_FOCAL);
-	links(0, 1, 1);
-	fake::set_debug(ZALK_STATE);
-	fake::talk_hook = [](const nlmsghdr *n) { return ((const ifinfomsg *)NLMSG_DATA(n))->ifi_index == 12 ? -1 : 0; };
-	clear();
-	EXPECT_EQ(zalk_port_states(0, RING_OK_NET_FOCAL), (uint32_t)RING_OK_NET_FOCAL);
-	EXPECT_EQ(errors(), Lines{"zalk_phy_port_state: offload_set_port_state() failed!\n"});
-	EXPECT_EQ(notices(), (Lines{"zalk_phy_port_state() - Port eth1 FORWARDING\n", "zalk_phy_port_state() - Port eth2 BLOCKING\n"}));
-	EXPECT_EQ(bridge(), "12=BLOCKING 11=FORWARDING");
-	EXPECT_EQ(zalk_phy_port_state(0), 1);
-	fake::talk_hook = nullptr;
-	EXPECT_EQ(zalk_phy_port_state(0), 0);
-}
-
-TEST_F(Ports, BlockRingPortsLeavesStateFieldsAlone)
-{
-	make_ring(0, RING_TYPE_MEMBER);
-	make_ring(1, RING_TYPE_MEMBER, 4, false);
-	instances[0].port[PORT_A].state = PORT_FORWARDING;
-	clear();
-	EXPECT_EQ(block_ring_ports(0), 0);
-	EXPECT_EQ(block_ring_ports(1), 0);
-	EXPECT_EQ(bridge(), "11=BLOCKING 12=BLOCKING 21=BLOCKING");
-	EXPECT_EQ(instances[0].port[PORT_A].state, (uint32_t)PORT_FORWARDING);
-	fake::talk_hook = [](const nlmsghdr *) { return -1; };
-	EXPECT_NE(block_ring_ports(0), 0);
-}
-
 } // namespace

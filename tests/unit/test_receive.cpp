@@ -1,7 +1,5 @@
 // The receive path: frames as the kernel hands them over (tag stripped)
 // become the right events, or are dropped for the right reasons.
-#include <linux/if_packet.h>
-
 #include "tests/fakes/fixture.h"
 
 using namespace fx;
@@ -99,81 +97,6 @@ TEST_F(Receive, OwnTaggedAndForeignFramesAreDroppedButReturningRingFramesCounted
 	EXPECT_TRUE(fake::frames.empty());
 }
 
-TEST_F(Receive, RingFramesTrigHelloAndUnknownTypesByRole)
-{
-	make_ring(0, RING_TYPE_MEMBER, 3, false); // a member bus edge turns Ring frames around
-	make_ring(1, RING_TYPE_MEMBER, 4);
-	make_ring(2, RING_TYPE_FOCAL, 5);
-	handle(11, rx_frame(3, ZALK_RING, 12));
-	EXPECT_EQ(instances[0].port[PORT_A].rx_ring, 1u);
-	ASSERT_EQ(sent(), "Ring@11");
-	EXPECT_EQ(fake::frames[0].bytes, Bytes(instances[0].tpl_ring, instances[0].tpl_ring + 64));
-	clear(); // a member with both ports, or a focal point, only counts
-	handle(22, rx_frame(4, ZALK_RING, 12));
-	handle(31, rx_frame(5, ZALK_RING, 12));
-	EXPECT_EQ(instances[1].port[PORT_B].rx_ring + instances[2].port[PORT_A].rx_ring, 2u);
-	EXPECT_EQ(sent(), "");
-	fake::set_debug(ZALK_STATE);
-	handle(31, rx_frame(5, ZALK_TRIG, 12)); // Trig at a focal point: nothing at all
-	EXPECT_EQ(events(), "");
-	EXPECT_TRUE(fake::logs.empty());
-
-	instances[1].port[PORT_A].hello_enable = 1;
-	Bytes hello = rx_frame(4, ZALK_HELLO, 14);
-	hello[rx_off::STATUS + 1] = 0x01; // Q
-	hello[rx_off::HELLO_INTERVAL] = 0x01;
-	hello[rx_off::HELLO_INTERVAL + 1] = 0xF4; // 500 ms
-	handle(21, hello);
-	EXPECT_EQ(instances[1].port[PORT_A].hello_rx, 1u);
-	EXPECT_EQ(instances[1].port[PORT_A].hello_resp, 2u);
-	EXPECT_TRUE(fake::logs.empty());
-	handle(22, hello); // Hello on a port without hello, and an unknown type: unhandled
-	handle(21, rx_frame(4, 9, 12));
-	EXPECT_EQ(notices(), (Lines{"zalkv2_recv() - Unhandled packets\n", "zalkv2_recv() - Unhandled packets\n"}));
-	EXPECT_EQ(events(), "");
-}
-
-TEST_F(Receive, ShortFramesNeverReadStaleBytes)
-{
-	make_ring(0, RING_TYPE_MEMBER);
-	ev_io w;
-	w.fd = 100;
-	Bytes full = link_response(3, 1, OTHER, OWN); // leaves its bytes in the receive buffer
-	fake::rx_queue.push_back({11, full});
-	fake::rx_queue.push_back({11, Bytes(full.begin(), full.begin() + 40)}); // cut before its edges
-	fake::rx_queue.push_back({12, Bytes(full.begin(), full.begin() + 20)}); // cut inside the header: ring 255
-	for (int i = 0; i < 3; i++)
-		packet_rcv(nullptr, &w, EV_READ);
-	EXPECT_EQ(events(), "0:RX_LINK_RESPONSE_RING 0:FLUSH_FDB");
-	EXPECT_EQ(instances[0].rx_errors[PORT_B].rx_wrong_ring_id, 255);
-
-	Bytes up = rx_frame(3, ZALK_LINK_UP, 26); // a Link Up cut short carries zeros, not old bytes
-	memset(&up[26], 0x5C, 34);
-	handle(11, up);
-	handle(11, Bytes(up.begin(), up.begin() + 30));
-	auto evs = posted();
-	ASSERT_EQ(evs.size(), 2u);
-	EXPECT_EQ(hex(Bytes(evs[1].data, evs[1].data + 32)), hex(up, 24, 6) + std::string(52, '0'));
-
-	packet_rcv(nullptr, &w, EV_READ); // nothing to read: an error line, nothing else
-	EXPECT_EQ(fake::logs, (std::vector<fake::LogLine>{{LOG_ERR, "recvfrom failed: Resource temporarily unavailable\n\n"}}));
-}
-
-// A frame the bridge passes on from the other ring port is seen leaving
-// this one; it was not received here and must not count twice.
-TEST_F(Receive, CopiesLeavingThePortAreNotReceivedOnIt)
-{
-	make_ring(0, RING_TYPE_MEMBER);
-	ev_io w;
-	w.fd = 100;
-	fake::rx_queue.push_back({12, link_response(3, 1, OTHER, OTHER), PACKET_OUTGOING});
-	fake::rx_queue.push_back({11, link_response(3, 1, OTHER, OTHER), PACKET_MULTICAST});
-	packet_rcv(nullptr, &w, EV_READ);
-	packet_rcv(nullptr, &w, EV_READ);
-	EXPECT_EQ(events(), "0:FLUSH_FDB");
-	EXPECT_TRUE(fake::logs.empty());
-}
-
 TEST_F(Receive, FramesFromOtherInterfacesAndDebugLines)
 {
 	make_ring(0, RING_TYPE_MEMBER);
@@ -188,29 +111,10 @@ TEST_F(Receive, FramesFromOtherInterfacesAndDebugLines)
 	fake::set_debug(ZALK_STATE | ZALK_TRACE | ZALK_TIP);
 	clear();
 	handle(12, link_response(3, 2, nullptr, OWN));
-	handle(11, link_response(3, 0, nullptr, nullptr));
 	EXPECT_EQ(notices(), (Lines{"zalkv2_filter_packet() - eth2 type: 4\n port mac: 02:00:00:00:00:02\n pkt:0e:00:00:00:00:77\n",
 				    "zalkv2_recv() - ins: 0 port:eth2 Recevied zalk packet with type Link Response\n",
 				    "is_my_link_response() - br mac: 02:00:00:00:00:10 edge mac1:00:00:00:00:00:00 mac2 02:00:00:00:00:10\n",
-				    "is_link_response_packet() - ins:0 Link response: 0e:00:00:00:00:77 status: 0x1\n",
-				    "zalkv2_filter_packet() - eth1 type: 4\n port mac: 02:00:00:00:00:01\n pkt:0e:00:00:00:00:77\n",
-				    "zalkv2_recv() - ins: 0 port:eth1 Recevied zalk packet with type Link Response\n",
-				    "is_link_response_packet() - ins:0 Link response: 0e:00:00:00:00:77 Flush FDB\n"}));
-}
-
-TEST_F(Receive, PacketSendOnlyOnLivePortsWithTheSourceWritten)
-{
-	make_ring(0, RING_TYPE_MEMBER);
-	fake::set_debug(ZALK_TRACE);
-	instances[0].port[PORT_A].operstate = ZALK_OPER_DOWN;
-	packet_send(&instances[0].port[PORT_A], instances[0].tpl_trig, 64);
-	EXPECT_TRUE(fake::frames.empty() && fake::logs.empty());
-	EXPECT_EQ(instances[0].tpl_trig[6], 0) << "source untouched while down";
-	packet_send(&instances[0].port[PORT_B], instances[0].tpl_trig, 64);
-	ASSERT_EQ(sent(), "Trig@12");
-	EXPECT_EQ(fake::frames[0].bytes.size(), 64u);
-	EXPECT_EQ(hex(fake::frames[0].bytes, 6, 6), "020000000002");
-	EXPECT_EQ(notices(), Lines{"packet_send() - Send packet on eth2(12)\n"});
+				    "is_link_response_packet() - ins:0 Link response: 0e:00:00:00:00:77 status: 0x1\n"}));
 }
 
 } // namespace
