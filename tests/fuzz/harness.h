@@ -11,6 +11,7 @@ namespace fuzz {
 
 struct Harness : fx::Unit {
 	void TestBody() override {}
+	using fx::Unit::SetUp;
 	Harness() { SetUp(); }
 	// Runs the dispatcher over everything posted. A record it refuses as
 	// malformed (instance out of range or not enabled, unknown event) can

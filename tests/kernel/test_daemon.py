@@ -1,14 +1,15 @@
 #!/usr/bin/env python3
 """The built daemon as a process (run through netns.sh, as root): its
-command line, an unusable configuration, and start-up on a real bridge
-ended by each termination signal."""
+command line, an unusable configuration, and start-up on a real bridge,
+what it sets up there and takes down again on each termination signal."""
+import json
 import os
 import signal
 import subprocess
 import time
 import unittest
 
-ZALKV2D = os.environ.get('ZALKV2D', 'build/zalkv2d')
+ZALKV2D = os.path.abspath(os.environ.get('ZALKV2D', 'build/zalkv2d'))
 CONF = '/etc/zalkv2d.conf'
 RUN = '/var/run/zalkv2'
 
@@ -22,6 +23,10 @@ def read(path):
 		return f.read()
 
 
+def out(cmd):
+	return subprocess.run(cmd, shell=True, capture_output=True, text=True).stdout
+
+
 def wait_until(cond, limit=10):
 	end = time.monotonic() + limit
 	while not cond():
@@ -32,22 +37,27 @@ def wait_until(cond, limit=10):
 
 
 class Daemon(unittest.TestCase):
+	maxDiff = None
+
 	@classmethod
 	def setUpClass(cls):
 		for n in (1, 2, 3):
 			sh('ip link add zr%da type veth peer name zr%db && ip link set zr%da up && ip link set zr%db up'
 			   % (n, n, n, n))
 		sh('ip link add br0 type bridge && ip link set br0 up')
-		sh('for p in zr1a zr2a zr3a; do ip link set $p master br0; done')
+		# A shell would run "$(>m)" and "r;>q": files m and q in its working directory.
+		sh("""ip link add '$(>m)' type veth peer name 'r;>q'""")
+		sh("""for p in zr1a zr2a zr3a '$(>m)' 'r;>q'; do ip link set "$p" up master br0; done""")
 
 	def setUp(self):
 		sh('rm -rf %s %s' % (RUN, CONF))
 
-	def start(self, *args, conf=None):
+	def start(self, *args, conf=None, cwd=None):
 		if conf is not None:
 			with open(CONF, 'w') as f:
 				f.write(conf)
-		p = subprocess.Popen([ZALKV2D, *args], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+		p = subprocess.Popen([ZALKV2D, *args], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+				     cwd=cwd)
 		self.addCleanup(p.kill)
 		return p
 
@@ -75,24 +85,45 @@ class Daemon(unittest.TestCase):
 		self.assertNotEqual(err, '', "libconfuse's own diagnostic")
 		self.assertFalse(os.path.exists(RUN + '/7'), 'nothing of a ring was set up')
 
+	def bridge_setup(self):
+		"""What the rings set up on the bridge: multicast entries, clsact
+		qdiscs on ring 7's ports, backup ports."""
+		def js(cmd):
+			return json.loads(out(cmd) or '[]')
+		return (sorted((m['port'], m['grp'], m['state'], m['vid']) for m in js('bridge -j mdb show dev br0')[0]['mdb']),
+			out('tc qdisc show dev zr1a; tc qdisc show dev zr2a').count('clsact'),
+			{l['ifname']: l['backup_port'] for l in js('bridge -j -d link show') if 'backup_port' in l})
+
 	def test_runs_and_stops_cleanly_on_each_termination_signal(self):
 		conf = ('zalk ring7 {\n ring-id = 7\n ring-role = focal\n ring-interval = 100\n'
 			' port a { name = zr1a }\n port b { name = zr2a }\n}\n'
-			'zalk ring8 {\n ring-id = 8\n ring-role = member\n port a { name = zr3a }\n}\n')
+			'zalk ring8 {\n ring-id = 8\n ring-role = member\n port a { name = zr3a }\n}\n'
+			'zalk ring9 {\n ring-id = 9\n ring-role = focal\n'
+			' port a { name = "$(>m)" }\n port b { name = "r;>q" }\n}\n')
+		os.makedirs('/tmp/cwd', exist_ok=True)
 		for sig in (signal.SIGINT, signal.SIGQUIT, signal.SIGTERM):
 			with self.subTest(signal=sig.name):
 				# role, port options and loose words change nothing
-				p = self.start('-f', '-M', 'eth9', 'word', conf=conf)
-				self.assertTrue(wait_until(lambda: os.path.exists(RUN + '/8/zr3a/link')))
+				p = self.start('-f', '-M', 'eth9', 'word', conf=conf, cwd='/tmp/cwd')
+				self.assertTrue(wait_until(lambda: os.path.exists(RUN + '/9/r;>q/link')))
 				self.assertEqual(read(RUN + '/7/type'), 'focal-point')
 				self.assertTrue(os.path.exists(RUN + '/7/zr2a'))
 				self.assertEqual(read(RUN + '/8/type'), 'member')
+				def grp(ring, g):
+					return ('03:4b:a1:01:%02x:%02x' % (ring, g), 'permanent', 4021 if g < 3 else 4022)
+				mdb = [('br0', *grp(r, g)) for r in (7, 8, 9) for g in (1, 2, 3, 4)] + [
+					('zr1a', *grp(7, 4)), ('zr2a', *grp(7, 4)), ('$(>m)', *grp(9, 4)), ('r;>q', *grp(9, 4)),
+					('zr3a', *grp(8, 2)), ('zr3a', *grp(8, 3)), ('zr3a', *grp(8, 4))]
+				self.assertEqual(self.bridge_setup(), (sorted(mdb), 2, {
+					'zr1a': 'zr2a', 'zr2a': 'zr1a', '$(>m)': 'r;>q', 'r;>q': '$(>m)'}))
+				self.assertEqual(os.listdir('/tmp/cwd'), [], 'a shell ran something')
 				time.sleep(0.3)  # a few ring intervals: the daemon keeps running
 				self.assertIsNone(p.poll())
 				p.send_signal(sig)
-				out, err = p.communicate(timeout=10)
+				_, err = p.communicate(timeout=10)
 				self.assertEqual(p.returncode, 0, err)
 				self.assertFalse(os.path.exists(RUN))
+				self.assertEqual(self.bridge_setup(), ([], 0, {}))
 
 
 if __name__ == '__main__':

@@ -8,9 +8,7 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
-#include <cstdarg>
 #include <fcntl.h>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
@@ -40,23 +38,15 @@ using codes = std::vector<uint32_t>;
 using bytes = std::vector<uint8_t>;
 
 // A shell command line (test code only): its exit status, or its output.
-#define FORMAT(cmd)                                                                                            \
-	char cmd[1024];                                                                                        \
-	va_list ap;                                                                                            \
-	va_start(ap, fmt);                                                                                     \
-	vsnprintf(cmd, sizeof(cmd), fmt, ap);                                                                  \
-	va_end(ap)
-__attribute__((format(printf, 1, 2))) int sh(const char *fmt, ...)
+int sh(const std::string &cmd)
 {
-	FORMAT(cmd);
-	int st = system(cmd);
+	int st = system(cmd.c_str());
 	return WIFEXITED(st) ? WEXITSTATUS(st) : 255;
 }
-__attribute__((format(printf, 1, 2))) std::string sh_out(const char *fmt, ...)
+std::string sh_out(const std::string &cmd)
 {
-	FORMAT(cmd);
 	std::string out;
-	if (FILE *p = popen(cmd, "r")) {
+	if (FILE *p = popen(cmd.c_str(), "r")) {
 		for (int c; (c = fgetc(p)) != EOF;)
 			out += (char)c;
 		pclose(p);
@@ -88,10 +78,10 @@ bool wait_until(const std::function<bool()> &cond, double limit = 5)
 }
 
 // A veth pair, both ends up and operationally up.
-void add_veth(const char *a, const char *b)
+void add_veth(const std::string &a, const std::string &b)
 {
-	ASSERT_EQ(sh("ip link add '%s' type veth peer name '%s' && ip link set '%s' up && ip link set '%s' up", a, b, a, b), 0);
-	ASSERT_TRUE(wait_until([&] { return has(sh_out("cat /sys/class/net/'%s'/operstate /sys/class/net/'%s'/operstate", a, b), "up\nup\n"); }));
+	ASSERT_EQ(sh("ip link add '" + a + "' type veth peer name '" + b + "' && ip link set '" + a + "' up && ip link set '" + b + "' up"), 0);
+	ASSERT_TRUE(wait_until([&] { return sh_out("cat /sys/class/net/'" + a + "'/operstate /sys/class/net/'" + b + "'/operstate") == "up\nup\n"; }));
 }
 
 // Instance `ins` as configuration leaves it on real interfaces (a null
@@ -292,7 +282,7 @@ TEST(Wire, PortWithoutHelloFollowsTheOperationalStateThroughAFlood)
 	for (auto [cmd, want] : {std::pair{"rd down", codes{LINKB1_0}}, {"rc down", codes{}}, {"rc up", codes{LINKB1_0}},
 				 {"rd up", codes{LINKB0_1}}, {"xa down; ip link set xa up; ip link set rb mtu 1400", codes{}}})
 	{
-		sh("ip link set %s", cmd);
+		sh(std::string("ip link set ") + cmd);
 		EXPECT_EQ(events.take(want.size()), want) << cmd;
 	}
 	EXPECT_EQ(instances[0].port[PORT_A].operstate, ZALK_OPER_UP);
@@ -328,12 +318,11 @@ TEST(Wire, PortWithoutHelloFollowsTheOperationalStateThroughAFlood)
 }
 
 // Two members of ring 7 in this process, X on ha and Y on hb (a veth
-// pair), each with Hello on its port A, set up as configuration does on
-// resume; a capture socket on hb records when X's Hellos arrive.
+// pair), each with Hello on its port A, started as configuration does on
+// resume.
 TEST(Wire, HelloQualifiesDropsASilentNeighbourFastAndFollowsCarrier)
 {
 	EventLoop events;
-	std::vector<double> x_hellos;
 	auto port = [](int i) -> zalkv2_port & { return instances[i].port[PORT_A]; };
 	add_veth("ha", "hb");
 	for (int i = 0; i < 2; i++) {
@@ -350,19 +339,7 @@ TEST(Wire, HelloQualifiesDropsASilentNeighbourFastAndFollowsCarrier)
 		zalkv2_hello_init(i);
 		ASSERT_EQ(zalkv2_open_port_socket(&port(i)), 0);
 	}
-	ev_io capture;
-	ev_io_init(&capture, [](struct ev_loop *, ev_io *w, int) {
-		uint8_t buf[2048];
-		ssize_t n = recv(w->fd, buf, sizeof(buf), MSG_DONTWAIT);
-		if (n >= (ssize_t)(rx_off::HELLO_SENDER + 8) && buf[rx_off::TYPE] == ZALK_HELLO &&
-		    memcmp(buf + rx_off::SRC, instances[0].port[PORT_A].mac, 6) == 0)
-			static_cast<std::vector<double> *>(w->data)->push_back(now_s());
-	}, socket(AF_PACKET, SOCK_RAW, htons(ETH_P_ALL)), EV_READ);
-	capture.data = &x_hellos;
-	sockaddr_ll sll = {AF_PACKET, htons(ETH_P_ALL), port(1).ifindex, 0, 0, 0, {}};
-	ASSERT_EQ(bind(capture.fd, (sockaddr *)&sll, sizeof(sll)), 0);
 	events.start();
-	ev_io_start(events.loop, &capture);
 	for (int i = 0; i < 2; i++)
 		zalkv2_hello_start(i, events.loop);
 	zalkv2_link_monitor_start();
@@ -388,50 +365,39 @@ TEST(Wire, HelloQualifiesDropsASilentNeighbourFastAndFollowsCarrier)
 		EXPECT_EQ(0, memcmp(port(i).remote_bridge_id + 2, instances[1 - i].base_mac, 6)) << i;
 	}
 
-	events.run(2 * HELLO_TIME); // steady state
-	size_t mark = events.got.size(), first_hello = x_hellos.size();
-	zalkv2_hello_stop(1, events.loop); // Y falls silent, its link stays up
-	double t0 = now_s();
-	long fall = events.wait_for(0, LINKA1_0, mark, 3);
+	// Y falls silent, its link stays up: after the first tick that misses
+	// its Hello, X's next two come fast and the second drops Y.
+	events.run(2 * HELLO_TIME);
+	size_t mark = events.got.size();
+	zalkv2_hello_stop(1, events.loop);
+	const double t0 = now_s();
+	for (uint32_t miss = 1; miss <= 2; miss++) {
+		for (double end = now_s() + 2; port(0).hello_miss < miss && now_s() < end;)
+			events.run(0.005);
+		EXPECT_EQ(port(0).hello_miss, miss);
+		EXPECT_LT(ev_timer_remaining(events.loop, &port(0).hello_timer), HELLO_TIME * 0.5) << miss;
+	}
+	long fall = events.wait_for(0, LINKA1_0, mark, 1);
 	ASSERT_GE(fall, 0) << "X kept its qualification";
-	double t_fall = events.got[fall].at;
-	events.run(0.02); // the Hello of the falling tick is on its way
+	EXPECT_LT(events.got[fall].at - t0, 2 * HELLO_TIME + 0.1 + 0.2); // a slow period of phase, then fast
 	EXPECT_EQ(port(0).hello_state, HELLO_NO_RESPONSE);
-	// X's Hellos up to the falling tick: the last three ticks missed.
-	std::vector<double> ticks;
-	for (size_t i = first_hello; i < x_hellos.size() && x_hellos[i] <= t_fall + 0.01; i++)
-		ticks.push_back(x_hellos[i]);
-	ASSERT_GE(ticks.size(), 4u);
-	const double *last4 = &ticks[ticks.size() - 4];
-	printf("silent neighbour: dropped %.0f ms after the last tick that heard it (hello_time + 0.1 s = %.0f ms), "
-	       "%.0f ms after it fell silent; ticks %.0f, %.0f, %.0f ms apart\n", (t_fall - last4[0]) * 1000,
-	       (HELLO_TIME + 0.1) * 1000, (t_fall - t0) * 1000, (last4[1] - last4[0]) * 1000,
-	       (last4[2] - last4[1]) * 1000, (last4[3] - last4[2]) * 1000);
-	// Generous bounds: one slow and two fast ticks, plus at most one
-	// period of phase after the neighbour's last Hello.
-	EXPECT_LT(t_fall - last4[0], HELLO_TIME + 0.1 + 0.2); // three slow misses take 0.6 s
-	EXPECT_LT(t_fall - t0, 2 * HELLO_TIME + 0.1 + 0.5);
-	EXPECT_LT(last4[2] - last4[1], HELLO_TIME * 0.75) << "second miss came fast";
-	EXPECT_LT(last4[3] - last4[2], HELLO_TIME * 0.75) << "third miss came fast";
 	EXPECT_FLOAT_EQ(port(0).hello_timer.repeat, HELLO_TIME) << "back to the slow period";
 	zalkv2_hello_start(1, events.loop); // Y speaks again: X requalifies
 	EXPECT_GE(events.wait_for(0, LINKA0_1, fall, 2), 0);
 
+	// Carrier loss is PHY_DOWN at once; carrier alone does not qualify.
 	events.run(HELLO_TIME);
 	mark = events.got.size();
-	t0 = now_s();
 	sh("ip link set hb down");
-	long x_down = events.wait_for(0, LINKA1_0, mark, 2);
-	ASSERT_GE(x_down, 0);
+	ASSERT_GE(events.wait_for(0, LINKA1_0, mark, 2), 0);
 	ASSERT_GE(events.wait_for(1, LINKA1_0, mark, 2), 0);
-	printf("carrier loss to PHY_DOWN: %.1f ms (hello period %.0f ms)\n", (events.got[x_down].at - t0) * 1000, HELLO_TIME * 1000);
 	EXPECT_EQ(port(0).operstate, ZALK_OPER_DOWN);
 	events.run(2 * HELLO_TIME);
 	EXPECT_EQ(port(0).hello_state, HELLO_PHY_DOWN) << "ticks while down keep it there";
 	EXPECT_EQ(port(1).hello_state, HELLO_PHY_DOWN);
 	mark = events.got.size();
 	sh("ip link set hb up");
-	qualified_once(mark); // carrier alone does not qualify
+	qualified_once(mark);
 
 	zalkv2_link_monitor_stop();
 	for (int i = 0; i < 2; i++) {
@@ -440,9 +406,7 @@ TEST(Wire, HelloQualifiesDropsASilentNeighbourFastAndFollowsCarrier)
 		zalkv2_close_port_socket(&port(i));
 		instances[i].enabled = 0;
 	}
-	ev_io_stop(events.loop, &capture);
 	ev_io_stop(events.loop, &events.watcher);
-	close(capture.fd);
 	sh("ip link del ha");
 }
 
@@ -451,9 +415,9 @@ TEST(Wire, HelloQualifiesDropsASilentNeighbourFastAndFollowsCarrier)
 // rBp stay outside it.
 //
 
-bool port_state(const char *dev, const std::string &state) { return has(sh_out("bridge link show dev %s", dev), " state " + state + " "); }
-bool fdb_has(const char *mac, const char *dev) { return sh("bridge fdb show br br0 | grep -q '^%s dev %s '", mac, dev) == 0; }
-std::string show(const char *what, const char *dev) { return sh_out("%s dev '%s'", what, dev); }
+std::string show(const std::string &what, const std::string &dev) { return sh_out(what + " dev '" + dev + "'"); }
+bool port_state(const char *dev, const std::string &state) { return has(show("bridge link show", dev), " state " + state + " "); }
+bool fdb_has(const std::string &mac, const std::string &dev) { return sh("bridge fdb show br br0 | grep -q '^" + mac + " dev " + dev + " '") == 0; }
 
 class Bridge : public ::testing::Test {
 protected:
@@ -552,7 +516,9 @@ TEST_F(Bridge, MdbEntriesAndTheRequestsThisBridgeRefuses)
 	EXPECT_EQ(count(log, "RTNETLINK answers: "), 4u) << log;
 }
 
-TEST_F(Bridge, PreparationRunsEveryStepAndTeardownUndoesThem)
+// Every step runs, failed or not; teardown undoes them (what they leave
+// on the bridge: test_daemon.py).
+TEST_F(Bridge, PreparationReportsEachFailedStep)
 {
 	ring_instance(0, 5, RING_TYPE_FOCAL, "rA", "rB");
 	char mac[18]; // if_get_mac's answer is the kernel's
@@ -566,42 +532,12 @@ TEST_F(Bridge, PreparationRunsEveryStepAndTeardownUndoesThem)
 		EXPECT_TRUE(has(log, "System fail add port rB mac 03:4b:a1:01:05:03 loc 326")) << log;
 		EXPECT_FALSE(has(log, "Could not start command")) << log;
 	}
-	// Steps after the failed ones took effect.
-	for (const char *dev : {"rA", "rB"}) {
-		EXPECT_TRUE(has(show("bridge mdb show", "br0"), std::string("port ") + dev + " grp 03:4b:a1:01:05:04 permanent vid 4022")) << dev;
-		EXPECT_TRUE(has(show("bridge -d link show", dev), "backup_port r")) << dev;
-		EXPECT_TRUE(has(show("tc qdisc show", dev), "clsact")) << dev;
-	}
+	EXPECT_TRUE(has(show("tc qdisc show", "rB"), "clsact"));
 	instances[0].enabled = 0;
 	log = logged([] { zalkv2_teardown_bridge_on_instance(0); });
 	EXPECT_TRUE(flower || has(log, "System fail del port rB mac 03:4b:a1:01:05:03 loc 326")) << log;
-	EXPECT_FALSE(has(show("bridge mdb show", "br0"), "03:4b:a1:01:05"));
-	for (const char *dev : {"rA", "rB"}) {
-		EXPECT_FALSE(has(show("bridge -d link show", dev), "backup_port")) << dev;
-		EXPECT_FALSE(has(show("tc qdisc show", dev), "clsact")) << dev;
-	}
+	EXPECT_FALSE(has(show("tc qdisc show", "rB"), "clsact"));
 	EXPECT_EQ(tc_entry_find(TC_LOW_PRIO, 1, idx("rA"), "03:4b:a1:01:05:01"), nullptr);
-}
-
-// A shell would run "touch m" for one name, and "touch q" after the ";"
-// of the other, in an empty directory of the test's own.
-TEST_F(Bridge, CommandsRunWithoutAShell)
-{
-	const char *na = "$(touch${IFS}m)", *nb = "r;touch${IFS}q";
-	add_veth(na, nb);
-	ASSERT_EQ(sh("ip link set '%s' master br0 && ip link set '%s' master br0", na, nb), 0);
-	ring_instance(0, 5, RING_TYPE_FOCAL, na, nb);
-	const std::string dir = "/tmp/zalk-commands", cwd = std::filesystem::current_path();
-	std::filesystem::create_directories(dir);
-	std::filesystem::current_path(dir);
-	EXPECT_EQ(logged([] { EXPECT_EQ(zalkv2_setup_buddy_ports(0, 1), 0); }), "");
-	EXPECT_TRUE(has(show("bridge -d link show", na), std::string("backup_port ") + nb));
-	EXPECT_TRUE(has(show("bridge -d link show", nb), std::string("backup_port ") + na));
-	EXPECT_EQ(zalkv2_setup_buddy_ports(0, 0), 0);
-	EXPECT_FALSE(has(show("bridge -d link show", na), "backup_port"));
-	EXPECT_TRUE(std::filesystem::is_empty(dir)) << "a shell ran something";
-	std::filesystem::current_path(cwd);
-	sh("ip link del '%s'", na);
 }
 
 // `tc` and `bridge` live in /usr/sbin and are found whatever PATH the
