@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """The built daemon as a process (run through netns.sh, as root): its
 command line, an unusable configuration, and start-up on a real bridge,
 what it sets up there and takes down again on each termination signal."""
@@ -95,28 +95,31 @@ class Daemon(unittest.TestCase):
 			{l['ifname']: l['backup_port'] for l in js('bridge -j -d link show') if 'backup_port' in l})
 
 	def test_runs_and_stops_cleanly_on_each_termination_signal(self):
-		conf = ('zalk ring7 {\n ring-id = 7\n ring-role = focal\n ring-interval = 100\n'
-			' port a { name = zr1a }\n port b { name = zr2a }\n}\n'
-			'zalk ring8 {\n ring-id = 8\n ring-role = member\n port a { name = zr3a }\n}\n'
+		member = 'zalk ring8 {\n ring-id = 8\n ring-role = member\n port a { name = zr3a }\n}\n'
+		full = ('zalk ring7 {\n ring-id = 7\n ring-role = focal\n ring-interval = 100\n'
+			' port a { name = zr1a }\n port b { name = zr2a }\n}\n' + member +
 			'zalk ring9 {\n ring-id = 9\n ring-role = focal\n'
 			' port a { name = "$(>m)" }\n port b { name = "r;>q" }\n}\n')
+
+		def grp(ring, g):
+			return ('03:4b:a1:01:%02x:%02x' % (ring, g), 'permanent', 4021 if g < 3 else 4022)
+		mdb = [('br0', *grp(r, g)) for r in (7, 8, 9) for g in (1, 2, 3, 4)] + [
+			('zr1a', *grp(7, 4)), ('zr2a', *grp(7, 4)), ('$(>m)', *grp(9, 4)), ('r;>q', *grp(9, 4)),
+			('zr3a', *grp(8, 2)), ('zr3a', *grp(8, 3)), ('zr3a', *grp(8, 4))]
 		os.makedirs('/tmp/cwd', exist_ok=True)
-		for sig in (signal.SIGINT, signal.SIGQUIT, signal.SIGTERM):
+		for sig, conf in ((signal.SIGINT, member), (signal.SIGQUIT, member), (signal.SIGTERM, full)):
 			with self.subTest(signal=sig.name):
 				# role, port options and loose words change nothing
 				p = self.start('-f', '-M', 'eth9', 'word', conf=conf, cwd='/tmp/cwd')
-				self.assertTrue(wait_until(lambda: os.path.exists(RUN + '/9/r;>q/link')))
-				self.assertEqual(read(RUN + '/7/type'), 'focal-point')
-				self.assertTrue(os.path.exists(RUN + '/7/zr2a'))
+				self.assertTrue(wait_until(lambda: os.path.exists(RUN + '/8/zr3a/link')))
 				self.assertEqual(read(RUN + '/8/type'), 'member')
-				def grp(ring, g):
-					return ('03:4b:a1:01:%02x:%02x' % (ring, g), 'permanent', 4021 if g < 3 else 4022)
-				mdb = [('br0', *grp(r, g)) for r in (7, 8, 9) for g in (1, 2, 3, 4)] + [
-					('zr1a', *grp(7, 4)), ('zr2a', *grp(7, 4)), ('$(>m)', *grp(9, 4)), ('r;>q', *grp(9, 4)),
-					('zr3a', *grp(8, 2)), ('zr3a', *grp(8, 3)), ('zr3a', *grp(8, 4))]
-				self.assertEqual(self.bridge_setup(), (sorted(mdb), 2, {
-					'zr1a': 'zr2a', 'zr2a': 'zr1a', '$(>m)': 'r;>q', 'r;>q': '$(>m)'}))
-				self.assertEqual(os.listdir('/tmp/cwd'), [], 'a shell ran something')
+				if conf == full:
+					self.assertTrue(wait_until(lambda: os.path.exists(RUN + '/9/r;>q/link')))
+					self.assertEqual(read(RUN + '/7/type'), 'focal-point')
+					self.assertTrue(os.path.exists(RUN + '/7/zr2a'))
+					self.assertEqual(self.bridge_setup(), (sorted(mdb), 2, {
+						'zr1a': 'zr2a', 'zr2a': 'zr1a', '$(>m)': 'r;>q', 'r;>q': '$(>m)'}))
+					self.assertEqual(os.listdir('/tmp/cwd'), [], 'a shell ran something')
 				time.sleep(0.3)  # a few ring intervals: the daemon keeps running
 				self.assertIsNone(p.poll())
 				p.send_signal(sig)
