@@ -388,6 +388,7 @@ TEST(Wire, HelloQualifiesDropsASilentNeighbourFastAndFollowsCarrier)
 	EXPECT_EQ(port(0).operstate, ZALK_OPER_DOWN);
 	events.run(2 * HELLO_TIME);
 	EXPECT_EQ(port(0).hello_state, HELLO_PHY_DOWN) << "ticks while down keep it there";
+	EXPECT_FLOAT_EQ(port(0).hello_timer.repeat, HELLO_TIME) << "and at the slow period";
 	EXPECT_EQ(port(1).hello_state, HELLO_PHY_DOWN);
 	mark = events.got.size();
 	sh("ip link set hb up");
