@@ -120,6 +120,8 @@ class Daemon(unittest.TestCase):
 					self.assertEqual(self.bridge_setup(), (sorted(mdb), 2, {
 						'zr1a': 'zr2a', 'zr2a': 'zr1a', '$(>m)': 'r;>q', 'r;>q': '$(>m)'}))
 					self.assertEqual(os.listdir('/tmp/cwd'), [], 'a shell ran something')
+				if subprocess.run(['chrt', '-f', '49', 'true']).returncode == 0:  # real-time allowed here
+					self.assertIn('SCHED_FIFO\npid %d\'s current scheduling priority: 49' % p.pid, out('chrt -p %d' % p.pid))
 				time.sleep(0.3)  # a few ring intervals: the daemon keeps running
 				self.assertIsNone(p.poll())
 				p.send_signal(sig)

@@ -557,6 +557,15 @@ TEST(Spawn, SbinToolsAreFoundWithAnyPath)
 	}
 	EXPECT_EQ(run(nullptr, "no-such-tool-here"), -1);
 	EXPECT_EQ(errno, ENOENT);
+
+	// Fed its input, the program's standard error comes back line by line,
+	// the last one without its newline too.
+	std::vector<std::string> lines;
+	char prog[] = "sh", c[] = "-c", cmd[] = "cat >&2; exit 3", *argv[] = {prog, c, cmd, nullptr};
+	EXPECT_EQ(os_spawn_input(argv, "one\ntwo", 7, [](const char *l, void *v) {
+		static_cast<std::vector<std::string> *>(v)->push_back(l);
+	}, &lines), 3);
+	EXPECT_EQ(lines, (std::vector<std::string>{"one", "two"}));
 }
 
 } // namespace
