@@ -19,8 +19,11 @@ def sh(cmd):
 
 
 def read(path):
-	with open(path) as f:
-		return f.read()
+	try:
+		with open(path) as f:
+			return f.read()
+	except OSError:
+		return None
 
 
 def out(cmd):
@@ -64,25 +67,25 @@ class Daemon(unittest.TestCase):
 
 	def test_help_prints_the_usage_and_exits_with_one(self):
 		rule = '-' * 80 + '\n'
-		out, err = self.start('--help').communicate(timeout=10)
+		stdout, err = self.start('--help').communicate(timeout=10)
 		self.assertEqual(err, rule + 'Usage: zalkv2d [OPTIONS]\n'
 				 ' -f, --focal point                  ZALK Focal Point\n'
 				 ' -m, --member                       ZALK Member\n'
 				 ' -M, --portm=XX                     Set ZALK port M\n'
 				 ' -N, --portn=XX                     Set ZALK port N\n'
 				 ' -?, --help                         This help text\n' + rule + '\n')
-		self.assertEqual(out, '')
+		self.assertEqual(stdout, '')
 		self.assertFalse(os.path.exists(RUN))
 
 	def test_unusable_configuration_stops_the_start_with_one(self):
 		p = self.start()
-		out, _ = p.communicate(timeout=10)
-		self.assertEqual((p.returncode, out),
+		stdout, _ = p.communicate(timeout=10)
+		self.assertEqual((p.returncode, stdout),
 				 (1, 'Cannot read configuration file /etc/zalkv2d.conf: No such file or directory\n'))
 		p = self.start(conf='zalk ring7 {\n ring-id = 7\n port a { name = zr3a }\n}\nzalk { ring-id = 9 }\n')
-		out, err = p.communicate(timeout=10)
+		stdout, err = p.communicate(timeout=10)
 		self.assertEqual(p.returncode, 1)
-		self.assertTrue(out.startswith('Error when parsing configuration file /etc/zalkv2d.conf: '), out)
+		self.assertTrue(stdout.startswith('Error when parsing configuration file /etc/zalkv2d.conf: '), stdout)
 		self.assertNotEqual(err, '', "libconfuse's own diagnostic")
 		self.assertFalse(os.path.exists(RUN + '/7'), 'nothing of a ring was set up')
 
@@ -95,7 +98,7 @@ class Daemon(unittest.TestCase):
 			out("tc qdisc show dev '$(>m)'; tc qdisc show dev 'r;>q'").count('clsact'),
 			{l['ifname']: l['backup_port'] for l in js('bridge -j -d link show') if 'backup_port' in l})
 
-	def test_runs_and_stops_cleanly_on_each_termination_signal(self):
+	def test_runs_follows_its_ports_and_stops_cleanly_on_each_termination_signal(self):
 		member = 'zalk ring8 {\n ring-id = 8\n ring-role = member\n port a { name = zr3a }\n}\n'
 		full = member + ('zalk ring7 {\n ring-id = 7\n ring-role = focal\n ring-interval = 100\n'
 				 ' port a { name = "$(>m)" }\n port b { name = "r;>q" }\n}\n')
