@@ -5,7 +5,6 @@
 // br0. This kernel's plain bridge has no VLAN filtering, MST or flower:
 // those steps must fail with their reports while the rest takes effect.
 #include <algorithm>
-#include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
 #include <fcntl.h>
@@ -20,7 +19,6 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include "bridge/backup.h"
 #include "bridge/filters.h"
 #include "bridge/netlink_ops.h"
 #include "bridge/prepare.h"
@@ -265,9 +263,8 @@ TEST(Wire, HelloQualifiesDropsASilentNeighbourFastAndFollowsCarrier)
 			for (size_t i = from; i < events.got.size(); i++)
 				if (events.got[i].ins == ins)
 					seq.push_back(events.got[i].event);
-			EXPECT_EQ(seq.front(), LINKA1_0) << ins;
-			EXPECT_EQ(seq.back(), LINKA0_1) << ins;
-			EXPECT_EQ(std::count(seq.begin(), seq.end(), (uint32_t)LINKA0_1), 1) << ins;
+			seq.erase(std::unique(seq.begin(), seq.end()), seq.end());
+			EXPECT_EQ(seq, (codes{LINKA1_0, LINKA0_1})) << ins;
 			EXPECT_EQ(port(ins).hello_state, HELLO_QUALIFIED) << ins;
 		}
 	};
