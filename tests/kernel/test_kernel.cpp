@@ -181,7 +181,8 @@ TEST(Wire, ProtocolFramesArriveUntaggedNothingElseReachesUserSpace)
 	zalkv2_port &rx = instances[0].port[PORT_A], &tx = instances[1].port[PORT_A];
 	tx.operstate = ZALK_OPER_UP;
 	ASSERT_EQ(zalkv2_open_port_socket(&rx), 0);
-	EXPECT_EQ(ev_priority(&rx.rx_watcher), ZALK_PRI_FRAMES); // frames wait for pending events
+	// Link changes go first, frames wait for pending events.
+	EXPECT_EQ(std::pair(ev_priority(&link_watcher), ev_priority(&rx.rx_watcher)), std::pair(ZALK_PRI_KERNEL, ZALK_PRI_FRAMES));
 	for (int fd : {send_sock, rx.sock}) {
 		int prio = 0, ignore = 0;
 		socklen_t len = sizeof(prio), insns = 0;
