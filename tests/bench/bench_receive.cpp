@@ -33,13 +33,9 @@ void run(benchmark::State &state, uint8_t type, uint8_t plen, size_t len = 60)
 	state.SetItemsProcessed(state.iterations());
 }
 
-void BM_ReceiveLinkDown(benchmark::State &state) { run(state, 2, 26); }
-void BM_ReceiveRing(benchmark::State &state) { run(state, 6, 12); }
-void BM_ReceiveLinkDownShort(benchmark::State &state) { run(state, 2, 26, 40); }
-
-BENCHMARK(BM_ReceiveLinkDown);
-BENCHMARK(BM_ReceiveRing);
-BENCHMARK(BM_ReceiveLinkDownShort);
+BENCHMARK_CAPTURE(run, ReceiveLinkDown, 2, 26);
+BENCHMARK_CAPTURE(run, ReceiveRing, 6, 12);
+BENCHMARK_CAPTURE(run, ReceiveLinkDownShort, 2, 26, 40);
 
 } // namespace
 

@@ -115,22 +115,18 @@ void ring_instance(int ins, int ring_id, uint32_t role, const char *a, const cha
 constexpr float HELLO_TIME = 0.2f;
 
 // The event channel read in a real libev loop: every event posted lands
-// in `got` with its arrival time.
+// in `got`.
 struct EventLoop {
-	struct Ev {
-		uint32_t ins, event;
-		double at;
-	};
 	struct ev_loop *loop = ev_default_loop(0);
 	ev_io watcher{};
-	std::vector<Ev> got;
+	std::vector<sm_event> got;
 
 	void start()
 	{
 		ev_io_init(&watcher, [](struct ev_loop *, ev_io *w, int) {
 			sm_event ev;
 			if (sm_read_event(&ev) == (int)sizeof(ev))
-				static_cast<EventLoop *>(w->data)->got.push_back({ev.instance, ev.event, now_s()});
+				static_cast<EventLoop *>(w->data)->got.push_back(ev);
 		}, msg_pipe_create(), EV_READ);
 		watcher.data = this;
 		ev_io_start(loop, &watcher);
@@ -149,7 +145,7 @@ struct EventLoop {
 	{
 		for (double end = now_s() + limit;; run(0.01)) {
 			for (size_t i = from; i < got.size(); i++)
-				if (got[i].ins == ins && got[i].event == event)
+				if (got[i].instance == ins && got[i].event == event)
 					return (long)i;
 			if (now_s() > end)
 				return -1;
@@ -263,7 +259,7 @@ TEST(Wire, HelloQualifiesDropsASilentNeighbourFastAndFollowsCarrier)
 			ASSERT_GE(events.wait_for(ins, LINKA0_1, from, 5), 0) << ins << " never qualified";
 			codes seq;
 			for (size_t i = from; i < events.got.size(); i++)
-				if (events.got[i].ins == ins)
+				if (events.got[i].instance == ins)
 					seq.push_back(events.got[i].event);
 			seq.erase(std::unique(seq.begin(), seq.end()), seq.end());
 			EXPECT_EQ(seq, (codes{LINKA1_0, LINKA0_1})) << ins;
@@ -290,7 +286,7 @@ TEST(Wire, HelloQualifiesDropsASilentNeighbourFastAndFollowsCarrier)
 	}
 	long fall = events.wait_for(0, LINKA1_0, mark, 1);
 	ASSERT_GE(fall, 0) << "X kept its qualification";
-	EXPECT_LT(events.got[fall].at - t0, 2 * HELLO_TIME + 0.1 + 0.2); // a slow period of phase, then fast
+	EXPECT_LT(now_s() - t0, 2 * HELLO_TIME + 0.1 + 0.2); // a slow period of phase, then fast
 	EXPECT_EQ(port(0).hello_state, HELLO_NO_RESPONSE);
 	EXPECT_FLOAT_EQ(port(0).hello_timer.repeat, HELLO_TIME) << "back to the slow period";
 	zalkv2_hello_start(1, events.loop); // Y speaks again: X requalifies
@@ -397,10 +393,6 @@ TEST_F(Bridge, MdbEntriesAndTheRequestsThisBridgeRefuses)
 	log = logged([&] { EXPECT_EQ(zalkv2_mdb_entry(br, a, group, ZALK_MGNT_VLAN, 1), -1); });
 	// The kernel's extended-ack explanation follows the report.
 	EXPECT_NE(log.find("Error: ", log.find("RTNETLINK answers: File exists\n")), std::string::npos) << log;
-	EXPECT_EQ(zalkv2_mdb_entry(br, a, group, ZALK_MGNT_VLAN, 0), 0);
-	EXPECT_FALSE(has(show("bridge mdb show", "br0"), "03:4b:a1:01:03:02"));
-	log = logged([&] { EXPECT_EQ(zalkv2_mdb_entry(br, a, group, ZALK_MGNT_VLAN, 0), -1); });
-	EXPECT_TRUE(has(log, "RTNETLINK answers: ")) << log;
 
 	if (sh("bridge vlan add vid 4021 dev br0 self 2>/dev/null") == 0)
 		GTEST_SKIP() << "this bridge filters VLANs; the full-kernel rig covers it";
