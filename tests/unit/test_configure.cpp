@@ -50,18 +50,12 @@ protected:
 		zalkv2_prepare_bridge();
 		clear();
 	}
-	void apply(const std::string &text)
+	// Writes the file and reconfigures, or with start the whole start-up.
+	void apply(const std::string &text, bool start = false)
 	{
 		fake::write_file("/etc/zalkv2d.conf", text);
 		CaptureStdout();
-		zalkv2_configure_instances(loop);
-		EXPECT_EQ(GetCapturedStdout(), "");
-	}
-	void start(const std::string &text)
-	{
-		fake::write_file("/etc/zalkv2d.conf", text);
-		CaptureStdout();
-		init_all();
+		start ? init_all() : zalkv2_configure_instances(loop);
 		EXPECT_EQ(GetCapturedStdout(), "");
 	}
 	// A marker in a ring's status directory: a teardown removes it.
@@ -130,7 +124,7 @@ TEST_F(Configure, LoaderReadersAndMessages)
 TEST_F(Configure, StartUpInOrderWithUnitsConvertedAndRealTimePriorityLast)
 {
 	fake::set_debug(ZALK_DBG);
-	start(FOCAL_1 + MEMBER_2);
+	apply(FOCAL_1 + MEMBER_2, true);
 	std::string notes = join(notices());
 	size_t last = 0;
 	for (const char *s : {"init_all() - ZALKv2 starting initializing\n", "init_all() - ZALKv2 setup signal handlers\n",
@@ -331,7 +325,7 @@ TEST_F(Configure, ShutdownRemovesTheDropFiltersFirstAndTearsRingsDownUnlessReboo
 	const std::string two = FOCAL_1 + MEMBER_2;
 	fake::sched_result = -1;
 	fake::sched_errno = EPERM;
-	start(two);
+	apply(two, true);
 	EXPECT_TRUE(has(errors(), "Failed raising ZALKv2 priority, 1. Error 1: Operation not permitted\n"));
 	clear();
 	stop("N 5\n");
@@ -345,7 +339,7 @@ TEST_F(Configure, ShutdownRemovesTheDropFiltersFirstAndTearsRingsDownUnlessReboo
 
 	SetUp();
 	fake::sched_result = 0;
-	start(two);
+	apply(two, true);
 	clear();
 	stop("N 6\n");
 	EXPECT_TRUE(instances[0].enabled && instances[1].enabled);
