@@ -250,6 +250,18 @@ TEST_F(Prepare, EveryStepRunsAfterFailures)
 	cmd = [](const Lines &v) { return v[0] == "bridge" && v[1] == "link" ? 95 : 0; };
 	tc_list_create();
 	EXPECT_EQ(prepare(0), "zalkv2_prepare_bridge_on_instance - Instance 0 Failed\n");
+
+	// After a teardown both sockets are opened anew; when neither opens and the
+	// kernel refuses both VLANs, every failure is reported.
+	zalkv2_teardown();
+	clear();
+	fake::socket_fails = fake::rtnl_open_fails = true;
+	talk = [](const nlmsghdr *) { return -95; };
+	CaptureStderr();
+	EXPECT_NE(zalkv2_prepare_bridge(), 0);
+	EXPECT_EQ(GetCapturedStderr(), "Cannot open rtnetlink\n");
+	EXPECT_EQ(errors(), (Lines{"netsock was not open!\n\n", "Can not initialaze socket socket\n", "Failed to initialize netlink socket\n",
+				   "zalkv2_prepare_bridge - Failed\n\n"}));
 }
 
 TEST_F(Prepare, TeardownKeepsBridgeVlansWhileUsedAndForeignQdiscs)
