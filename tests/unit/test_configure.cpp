@@ -2,6 +2,7 @@
 // loading, start-up, what a reload restarts and what it leaves running,
 // shutdown, and the links to the version-0 daemon.
 #include <cerrno>
+#include <filesystem>
 #include <getopt.h>
 #include <sched.h>
 #include <sys/wait.h>
@@ -215,7 +216,13 @@ TEST_F(Configure, RemovedRingIsTornDownAndAddedRingTakesTheLowestFreeSlotCleared
 	EXPECT_TRUE(ev_is_active(&in.port[0].hello_timer)); // the timers initialised at start-up still work
 	EXPECT_EQ(in.port[0].hello_timer.data, &in.port[0]);
 
-	apply(""); // a file without rings tears every ring down
+	// A file without rings tears every ring down, closing every descriptor it held.
+	apply("");
+	const auto open_fds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+	const auto before = open_fds();
+	apply(r2);
+	apply("");
+	EXPECT_EQ(open_fds(), before);
 	for (auto &i : instances)
 		EXPECT_FALSE(i.enabled);
 	EXPECT_FALSE(fake::file_exists("/var/run/zalkv2/1"));
