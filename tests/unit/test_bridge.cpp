@@ -301,25 +301,6 @@ TEST_F(Prepare, TeardownKeepsBridgeVlansWhileUsedAndForeignQdiscs)
 	EXPECT_EQ(GetCapturedStderr(), "zalkv2_teardown_bridge_on_instance - Instance 0 Failed\n");
 }
 
-TEST_F(Prepare, BackupPortsStopAtTheFirstFailureAndBaseMacIsParsed)
-{
-	make_ring(0, RING_TYPE_FOCAL, 5);
-	make_ring(1, RING_TYPE_FOCAL, 6, false);
-	EXPECT_EQ(zalkv2_setup_buddy_ports(1, 1), 0); // a single ring port has no backup
-	cmd = [](const Lines &v) { return v[4] == "eth2" ? 4 : 0; };
-	EXPECT_EQ(zalkv2_setup_buddy_ports(0, 0), 4);
-	cmd = [](const Lines &) { return -1; }; // the tool itself missing: a failure with a status of its own
-	EXPECT_NE(zalkv2_setup_buddy_ports(0, 1), 0);
-	EXPECT_EQ(seq, (Lines{"bridge link set dev eth1 nobackup_port", "bridge link set dev eth2 nobackup_port", "bridge link set dev eth1 backup_port eth2"}));
-	EXPECT_EQ(errors(), (Lines{"Could not add buddy port for ring port eth2\n",
-				   "Could not start command bridge link set dev eth1 backup_port eth2: No such file or directory\n",
-				   "Could not add buddy port for ring port eth1\n"}));
-
-	uint8_t mac[6] = {0xee, 0xee, 0xee, 0xee, 0xee, 0xee}; // bytes the text does not give keep what the buffer held
-	fake::write_file("/var/run/system/0/mac-base", "0A:1b:2c:zz\n");
-	EXPECT_EQ(hex(Bytes(zalkv2_read_base_mac(mac), mac + 6)), "0a1b2ceeeeee");
-}
-
 // Every external command a ring runs, with a port name that holds blanks:
 // each command keeps its word count and the name stays one argument.
 TEST_F(Prepare, ANameWithBlanksIsOneArgumentOfEveryCommand)
@@ -354,22 +335,6 @@ class Filters : public Unit {
 protected:
 	const uint8_t g1[6] = {3, 0x4b, 0xa1, 1, 5, 1}, g2[6] = {3, 0x4b, 0xa1, 1, 5, 2}, g3[6] = {3, 0x4b, 0xa1, 1, 5, 3};
 };
-std::string dbg(const std::string &cmd) { return "zalkv2_tc_write_filter() - " + cmd + "\n\n"; }
-
-TEST_F(Filters, VersionZeroFiltersHaveFixedPrioritiesAndOneSummary)
-{
-	fake::set_debug(ZALK_DBG);
-	make_ring(0, RING_TYPE_FOCAL, 5);
-	make_ring(1, RING_TYPE_MEMBER, 6);
-	fake::spawn_hook = [](const Lines &argv) { return argv[4] == "eth12" ? 2 : 0; };
-	zalkv2_block_v0_macs(0); // fixed priorities, outside the list; every failure reported, one summary
-	ASSERT_EQ(fake::commands.size(), 12u);
-	EXPECT_EQ(notices()[0], dbg("tc filter del dev eth1 ingress protocol 802.1Q prio 300 flower  dst_mac 01:00:5e:05:0a:02 vlan_id 4021 action drop"));
-	EXPECT_EQ(fake::commands[11], "tc filter del dev eth12 ingress protocol 802.1Q prio 302 flower dst_mac 01:00:5e:05:0a:0a vlan_id 4021 action drop");
-	EXPECT_EQ(errors(), (Lines{"System fail del port eth12 mac 01:00:5e:05:0a:02 loc 300\n\n", "System fail del port eth12 mac 01:00:5e:05:0a:09 loc 301\n\n",
-				   "System fail del port eth12 mac 01:00:5e:05:0a:0a loc 302\n\n", "Block zalkv0 macs failed\n\n"}));
-}
-
 TEST_F(Filters, PrioritiesAreReusedLowestFirstUntilTheTableIsFull)
 {
 	make_ring(0, RING_TYPE_FOCAL, 5);
@@ -400,33 +365,6 @@ TEST_F(Filters, PrioritiesAreReusedLowestFirstUntilTheTableIsFull)
 	EXPECT_EQ(errors(), Lines{"Filter table full (860 entries), cannot add prio 1 id 2 ifdx:11 one more\n\n"});
 	EXPECT_EQ(tc_entry_del(TC_LOW_PRIO, 2, 11, "m500"), 821);
 	EXPECT_EQ(tc_entry_add(TC_LOW_PRIO, 2, 11, "one more"), 821);
-}
-
-TEST_F(Filters, DuplicatesUnknownEntriesAndFailedCommands)
-{
-	const uint8_t m[6] = {2, 0, 0, 0, 0, 0x13};
-	fake::add_iface("eth3", 13, m);
-	make_ring(0, RING_TYPE_FOCAL, 5);
-	ASSERT_EQ(zalkv2_tc_mac_filter(1, 11, "all", g1, 1, 1, 0), 0);
-	clear();
-	EXPECT_EQ(zalkv2_tc_mac_filter(1, 11, "all", g1, 1, 1, 0) + zalkv2_tc_mac_filter(1, 12, "all", g1, 0, 1, 0), 2);
-	EXPECT_EQ(errors(), (Lines{"ADD: Entry exists prio 1 id 1 ifdx:11 03:4b:a1:01:05:01\n\n",
-				   "Fail alloc prio TC_LOW_PRIO add ifx 11 mac 03:4b:a1:01:05:01 loc -1\n\n",
-				   "DEL: Entry do not exists prio 1 id 1 ifx 12 03:4b:a1:01:05:01\n\n",
-				   "Fail alloc prio TC_LOW_PRIO del ifx 12 mac 03:4b:a1:01:05:01 loc -1\n\n"}));
-	// A failed add keeps its entry, a failed delete drops it; a tool that cannot start is a failure too.
-	fake::spawn_hook = [](const Lines &v) { return v[4] == "eth3" ? -1 : 2; };
-	EXPECT_EQ(zalkv2_tc_mac_filter(1, 12, "all", g2, 1, 1, 0) + zalkv2_tc_mac_filter(1, 11, "all", g1, 0, 1, 0), 2);
-	EXPECT_NE(tc_entry_find(TC_LOW_PRIO, 1, 12, "03:4b:a1:01:05:02"), nullptr);
-	EXPECT_EQ(tc_entry_add(TC_LOW_PRIO, 1, 12, "x"), 321);
-	clear();
-	EXPECT_EQ(zalkv2_tc_mac_filter(1, 13, "all", g3, 1, 1, 0), 1);
-	EXPECT_EQ(errors().at(1), "System fail add port eth3 mac 03:4b:a1:01:05:03 loc 323\n\n");
-	EXPECT_EQ(errors()[0].rfind("Could not start command tc filter add dev eth3 ", 0), 0u) << errors()[0];
-	clear(); // a port that vanished gets no command with its device word missing
-	EXPECT_EQ(zalkv2_tc_mac_filter(1, 99, "all", g1, 1, 1, 0), 1);
-	EXPECT_TRUE(fake::commands.empty());
-	EXPECT_EQ(errors().size(), 1u);
 }
 
 TEST_F(Filters, UnconfiguredRingIdsAreBlockedOnEveryRingPort)

@@ -269,24 +269,6 @@ TEST_F(Configure, SectionsThatCannotBeSetUp)
 	EXPECT_EQ(zalkv2_find_instance(1) + zalkv2_find_instance(2), -2);
 }
 
-TEST_F(Configure, PortWithoutSocketKeepsItsWatcherStopped)
-{
-	fake::socket_fails = true;
-	apply(ring(1, "member", {"eth1", "eth2"}));
-	fake::socket_fails = false;
-	ASSERT_TRUE(instances[0].enabled) << "the ring is set up without that socket";
-	EXPECT_FALSE(ev_is_active(&instances[0].port[0].rx_watcher) || ev_is_active(&instances[0].port[1].rx_watcher));
-	apply(ring(1, "member", {"eth1", "eth2"})); // an unchanged reload opens no socket: still stopped
-	EXPECT_FALSE(ev_is_active(&instances[0].port[0].rx_watcher));
-	apply(ring(1, "member", {"eth1", "eth2;hello-time = 300\n"})); // set up again with sockets, they run
-	EXPECT_TRUE(ev_is_active(&instances[0].port[0].rx_watcher) && ev_is_active(&instances[0].port[1].rx_watcher));
-	// A name that is no interface (index 0): still a ring port, but no socket that would hear every interface.
-	apply(ring(1, "member", {"eth1", "nosuch"}));
-	EXPECT_EQ(instances[0].port[1].ifindex, 0);
-	EXPECT_TRUE(ev_is_active(&instances[0].port[0].rx_watcher) && !ev_is_active(&instances[0].port[1].rx_watcher));
-	EXPECT_TRUE(has(errors(), "Ring port nosuch is no interface\n"));
-}
-
 // In the dying child, before the fakes clean up: was anything of the running ring touched?
 void report_untouched()
 {

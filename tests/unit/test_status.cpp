@@ -24,7 +24,6 @@ protected:
 		in.port[PORT_A].hello_enable = 1;
 		return in;
 	}
-	static std::string file(const std::string &rel) { return fake::read_file("/var/run/zalkv2/3/" + rel); }
 	static std::string report()
 	{
 		testing::internal::CaptureStderr();
@@ -62,52 +61,6 @@ TEST_F(Status, DebugLevelEventLogAndHexDump)
 				    "020: 21 22 23 24 25 26 27 28 :: 29 2A 2B 2C 2D 2E 2F 30 \n",
 				    "030: 31 32 33 34 35 36 37 38 :: 39 3A 3B 3C 3D 3E 3F 40 \n", "short\n",
 				    "000: 01 02 03 04 05 06 07 08 :: 09 0A 0B 0C 0D 0E 0F 10 \n", "010: 11 12 13 14 "}));
-}
-
-TEST_F(Status, FilesOfSetUpStateAndPorts)
-{
-	zalkv2_instance &f = ring(0, RING_TYPE_FOCAL);
-	f.tc_count = 9;
-	f.ring_interval = 10 / 1000.0f; // single precision: reads back as 10, not 9
-	EXPECT_EQ(zalk_status_setup(0), 0);
-	std::string got;
-	for (const char *name : {"type", "ring-interval", "ring-id", "tc_count", "tc_jiffies", "eth1/hello_time", "eth1/hello_ena", "eth2/hello_ena"})
-		got += file(name) + " ";
-	EXPECT_EQ(got, "focal-point 10 3 0 4242 1000 yes no ");
-
-	zalk_remove_status(0);
-	zalkv2_instance &in = ring(1, RING_TYPE_MEMBER);
-	EXPECT_EQ(zalk_status_setup(1), 0);
-	EXPECT_EQ(file("type"), "member");
-	EXPECT_FALSE(fake::file_exists("/var/run/zalkv2/3/ring-interval"));
-	in.port[PORT_A].link = 1;
-	fake::set_debug(ZALK_STATE);
-	fake::uptime = 5000;
-	in.ring_state = BROKEN_NET_MEMBER;
-	zalk_set_status(1);
-	EXPECT_EQ(file("state") + file("tc_count") + "/" + file("tc_jiffies") + "/" + file("eth12/link") + file("eth11/physical_state"), "Broken1/5000/0BLOCKING");
-	in.port[PORT_B].link = 1;
-	in.ring_state = OK_NET_MEMBER;
-	zalk_set_status(1);
-	in.role = RING_TYPE_FOCAL; // a member's OK state is not a focal point's
-	zalk_set_status(1);
-	EXPECT_EQ(notices(), (Lines{"zalk_set_status() - RING BROKEN LED: RED Link M=1 N=0\n", "zalk_set_status() - RING OK LED: GREEN Link M=1 N=1\n",
-				    "zalk_set_status() - RING BROKEN LED: RED Link M=1 N=1\n"}));
-
-	const struct {
-		uint32_t state, link;
-		bool running;
-		const char *logical;
-	} cases[] = {{PORT_BLOCKING, 0, true, "Not Qualified"}, {PORT_BLOCKING, 1, true, "Qualified"}, {PORT_FORWARDING, 1, true, "Forwarding"},
-		     {PORT_LEARNING, 1, true, "INVALID"},       {PORT_FORWARDING, 1, false, "Down"}};
-	for (auto &c : cases) {
-		in.port[PORT_B].state = c.state;
-		in.port[PORT_B].link = c.link;
-		fake::iface_by_name("eth12")->running = c.running;
-		zalk_set_port_status(1, PORT_B);
-		EXPECT_EQ(file("eth12/logical_state") + "/" + file("eth12/physical_state") + "/" + file("eth12/link"),
-			  std::string(c.logical) + "/" + zalk_port_state_name(c.state) + "/" + std::to_string(c.link));
-	}
 }
 
 TEST_F(Status, FailuresAreLoggedWithTheRealPathAndTreesRemoved)
