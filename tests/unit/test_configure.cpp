@@ -1,11 +1,20 @@
-// Instance configuration and reconfiguration through the fake OS: what
-// a reload restarts, what it leaves running, and how rings take slots.
-#include <cstdio>
+// The configuration file and the daemon's life cycle through the fake OS:
+// loading, start-up, what a reload restarts and what it leaves running,
+// shutdown, and the links to the version-0 daemon.
+#include <cerrno>
+#include <filesystem>
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include "daemon/config.h"
 #include "daemon/configure.h"
+#include "daemon/daemon.h"
 #include "tests/fakes/fixture.h"
 
 using namespace fx;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
 
 namespace {
 
@@ -41,12 +50,13 @@ protected:
 		zalkv2_prepare_bridge();
 		clear();
 	}
-	void apply(const std::string &text)
+	// Writes the file and reconfigures, or with start the whole start-up.
+	void apply(const std::string &text, bool start = false)
 	{
 		fake::write_file("/etc/zalkv2d.conf", text);
-		testing::internal::CaptureStdout();
-		zalkv2_configure_instances(loop);
-		EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+		CaptureStdout();
+		start ? init_all() : zalkv2_configure_instances(loop);
+		EXPECT_EQ(GetCapturedStdout(), "");
 	}
 	// A marker in a ring's status directory: a teardown removes it.
 	void mark(int id) { fake::write_file("/var/run/zalkv2/" + std::to_string(id) + "/marker", "x"); }
@@ -59,58 +69,79 @@ protected:
 		apply(to);
 		return !marked(id);
 	}
-	int failures() { return (int)count_of(join(errors()), "Setup of ZALKv2 instance failed\n\n"); }
+	void stop(const char *runlevel)
+	{
+		fake::runlevel_output = runlevel;
+		sigterm_cb(loop, nullptr, 0);
+		EXPECT_FALSE(fake::file_exists("/var/run/zalkv2"));
+	}
 };
 
-TEST_F(Configure, StartUpWritesEveryFieldWithItsUnits)
+TEST_F(Configure, LoaderReadersAndMessages)
 {
-	apply(FOCAL_1 + MEMBER_2);
-	const zalkv2_instance &f = instances[0], &m = instances[1];
-	EXPECT_EQ(f.index + f.ring_id + f.role + f.guarded_recovery + f.blocked_port + f.bridge_ifindex, 0 + 1 + 0 + 0 + 1 + 2);
-	EXPECT_EQ(f.ring_interval, 0.5f);
-	EXPECT_EQ(f.response_delay, 30u);
-	EXPECT_EQ(hex(Bytes(f.base_mac, f.base_mac + 6)), "001122334455");
-	EXPECT_EQ(f.ring_state, RING_FAIL_NET_FOCAL);
-	for (int p = 0; p < 2; p++) {
-		EXPECT_EQ(f.port[p].instance, &instances[0]);
-		EXPECT_EQ(f.port[p].port_index + f.port[p].ifindex + f.port[p].mac[5], (unsigned)(p + 11 + p + 1 + p));
-		EXPECT_STREQ(f.port[p].name, p ? "eth2" : "eth1");
-		EXPECT_GT(f.port[p].sock, 0);
-		EXPECT_TRUE(ev_is_active(&f.port[p].rx_watcher) && ev_is_active(&f.port[p].hello_timer));
-	}
-	EXPECT_EQ(f.port[0].hello_time_ms + f.port[1].hello_time_ms, 750u);
-	EXPECT_EQ(f.port[1].hello_time, 0.25f);
-	EXPECT_EQ(f.port[0].fwd_delay + f.port[1].fwd_delay, 15);
-	EXPECT_TRUE(ev_is_active(&f.ring_timer) && ev_is_active(&response_timer));
-	EXPECT_EQ(fake::read_file("/var/run/zalkv2/1/type"), "focal-point");
-	// A member stores none of the focal point's settings; absent port B and hello off get no watcher.
-	EXPECT_EQ(m.ring_id * 10 + m.role, 21u);
-	EXPECT_EQ(m.ring_state, DOWN_NET_MEMBER);
-	EXPECT_EQ(m.ring_interval + m.response_delay, 0.0f);
-	EXPECT_FALSE(ev_is_active(&m.ring_timer));
-	EXPECT_EQ(m.port[1].ifindex, -1);
-	EXPECT_EQ(m.port[1].sock, 0);
-	EXPECT_FALSE(ev_is_active(&m.port[1].rx_watcher) || ev_is_active(&m.port[1].hello_timer) || ev_is_active(&m.port[0].hello_timer));
-	EXPECT_TRUE(ev_is_active(&m.port[0].rx_watcher));
-	EXPECT_EQ(failures(), 0);
+	fake::write_file("/etc/zalkv2d.conf", "zalk ring { port a { } }\nzalk two { port a { name = eth1 } port b { name = eth99 } }\n");
+	cfg_t *cfg = zalkv2_read_config(), *r = cfg_getnsec(cfg, "zalk", 0), *two = cfg_getnsec(cfg, "zalk", 1);
+	// Port B absent: -1; the default name, or a name that is no interface: 0.
+	std::string got;
+	for (cfg_t *port : {cfg_getnsec(r, "port", 1), cfg_getnsec(r, "port", 0), cfg_getnsec(two, "port", 0), cfg_getnsec(two, "port", 1)})
+		got += std::to_string(zalkv2_cfg_port_ifindex(port)) + " ";
+	EXPECT_EQ(got, "-1 0 11 0 ");
+	cfg_free(cfg);
 
-	// Conversions truncate toward zero: response ms, forward s, interval ms.
-	const struct {
-		int response_ms, forward_s, interval_ms;
-		uint32_t ticks;
-		int32_t fwd;
-		float interval;
-	} cases[] = {{1499, 1, 300, 29, 5, 0.3f}, {49, 0, 1000, 0, 0, 1.0f}, {50, 7, 20, 1, 35, 0.02f}};
-	std::string text;
-	for (int i = 0; i < 3; i++)
-		text += ring(i + 1, "focal", {"eth" + std::to_string(i + 1) + ";forward-delay = " + std::to_string(cases[i].forward_s) + "\n"},
-			     "  response-delay = " + std::to_string(cases[i].response_ms) + "\n  ring-interval = " + std::to_string(cases[i].interval_ms) + "\n");
-	apply(text);
-	for (int i = 0; i < 3; i++) {
-		EXPECT_EQ(instances[i].response_delay, cases[i].ticks) << i;
-		EXPECT_EQ(instances[i].port[0].fwd_delay, cases[i].fwd) << i;
-		EXPECT_EQ(instances[i].ring_interval, cases[i].interval) << i;
+	const std::pair<const char *, int> roles[] = {{"focal-point", 0}, {"members", 1}, {"Focal", -1}, {"", -1}};
+	for (auto [value, role] : roles) {
+		fake::write_file("/etc/zalkv2d.conf", std::string("zalk r { ring-role = \"") + value + "\" }\n");
+		cfg = zalkv2_read_config();
+		EXPECT_EQ(zalkv2_cfg_ring_role(cfg_getnsec(cfg, "zalk", 0)), role) << value; // a case-sensitive prefix
+		cfg_free(cfg);
 	}
+
+	// One line on standard output for a missing or broken file (cut off, a
+	// brace in a comment or string does not count); libconfuse's own lines go to standard error.
+	const std::string path = fake::root() + "/etc/zalkv2d.conf";
+	std::remove(path.c_str());
+	CaptureStdout();
+	EXPECT_EQ(zalkv2_read_config(), nullptr);
+	EXPECT_EQ(GetCapturedStdout(), "Cannot read configuration file " + path + ": No such file or directory\n");
+	for (const char *text : {"zalk r { bogus = 3 }\n", "zalk { ring-id = 1 }\n", "zalk r { ring-id = abc }\n", "zalk r { ring-id = 1\n",
+				 "zalk r { ring-id = 1 # }\n", "zalk r { /* } */ ring-id = 1\n", "zalk r { ring-role = \"}\"\n"}) {
+		fake::write_file("/etc/zalkv2d.conf", text);
+		CaptureStdout();
+		testing::internal::CaptureStderr();
+		EXPECT_EQ(zalkv2_read_config(), nullptr) << text;
+		EXPECT_NE(testing::internal::GetCapturedStderr(), "") << text;
+		std::string out = GetCapturedStdout();
+		EXPECT_EQ(out.rfind("Error when parsing configuration file " + path + ": ", 0), 0u) << out;
+		EXPECT_EQ(out.find('\n'), out.size() - 1) << out;
+	}
+	fake::write_file("/etc/zalkv2d.conf", "zalk r { ring-id = 1 } # }\nzalk s { ring-role = \"{\" /* { */ }\n");
+	cfg = zalkv2_read_config();
+	EXPECT_EQ(cfg_size(cfg, "zalk"), 2u);
+	cfg_free(cfg);
+}
+
+TEST_F(Configure, StartUpInOrderWithUnitsConvertedAndRealTimePriorityLast)
+{
+	fake::set_debug(ZALK_DBG);
+	apply(FOCAL_1 + MEMBER_2, true);
+	std::string notes = join(notices());
+	size_t last = 0;
+	for (const char *s : {"init_all() - ZALKv2 starting initializing\n", "init_all() - ZALKv2 setup signal handlers\n",
+			      "init_all() - ZALKv2 setup watchers\n", "init_all() - ZALKv2 get configuration\n",
+			      "zalkv2_configure_instances() - Configure ZALKv2 ins 1 cfg:1\n", "init_all() - Setup finished and ZALKv2 started\n"}) {
+		size_t at = notes.find(s, last);
+		ASSERT_NE(at, std::string::npos) << s;
+		last = at;
+	}
+	EXPECT_EQ(fake::sched_calls, (std::vector<std::pair<int, int>>{{SCHED_FIFO, 49}}));
+	EXPECT_TRUE(errors().empty());
+	const zalkv2_instance &f = instances[0], &m = instances[1];
+	EXPECT_EQ(f.blocked_port * 10 + f.port[0].fwd_delay, 25u);
+	EXPECT_EQ(f.ring_state * 10 + m.ring_state, RING_FAIL_NET_FOCAL * 10u + DOWN_NET_MEMBER);
+	EXPECT_TRUE(ev_is_active(&f.ring_timer) && ev_is_active(&response_timer) && ev_is_active(&sm_watcher));
+	EXPECT_TRUE(ev_is_active(&f.port[1].rx_watcher) && ev_is_active(&f.port[0].hello_timer));
+	// Absent port B and hello off get no watcher.
+	EXPECT_FALSE(ev_is_active(&m.port[1].rx_watcher) || ev_is_active(&m.port[0].hello_timer));
 }
 
 TEST_F(Configure, UnchangedReloadRestartsNoRing)
@@ -118,25 +149,19 @@ TEST_F(Configure, UnchangedReloadRestartsNoRing)
 	apply(FOCAL_1 + MEMBER_2);
 	mark(1);
 	mark(2);
-	int sock_a = instances[0].port[0].sock, sock_m = instances[1].port[0].sock;
 	instances[0].ring_state = RING_OK_NET_FOCAL; // protocol state reached while running survives
 	instances[1].ring_state = OK_NET_MEMBER;
-	instances[0].tc_count = 7;
 	events();
 	clear();
 	// Sections reordered and retitled, version and bridge changed: none of these is compared.
 	apply(ring(2, "member", {"eth3;hello-enable = 0\n"}, "  version = 9\n  bridge = br5\n", "other") + FOCAL_1);
 	EXPECT_TRUE(marked(1) && marked(2));
-	EXPECT_EQ(instances[0].port[0].sock, sock_a);
-	EXPECT_EQ(instances[1].port[0].sock, sock_m);
 	EXPECT_EQ(instances[0].ring_state * 10 + instances[1].ring_state, RING_OK_NET_FOCAL * 10u + OK_NET_MEMBER);
-	EXPECT_EQ(instances[0].tc_count, 7u);
 	EXPECT_TRUE(fake::netlink.empty()) << "no bridge request for an unchanged ring";
 	ASSERT_FALSE(fake::commands.empty()) << "the drop filters are removed and installed again";
 	for (auto &c : fake::commands)
 		EXPECT_EQ(c.rfind("tc filter ", 0), 0u) << c;
-	EXPECT_TRUE(ev_is_active(&instances[0].port[0].rx_watcher) && ev_is_active(&instances[0].port[1].hello_timer));
-	EXPECT_TRUE(ev_is_active(&instances[0].ring_timer) && ev_is_active(&instances[1].port[0].rx_watcher));
+	EXPECT_TRUE(ev_is_active(&instances[0].port[1].hello_timer) && ev_is_active(&instances[0].ring_timer) && ev_is_active(&instances[1].port[0].rx_watcher));
 	// The link states are read and applied again: the member's port A (no hello, carrier up) posts anew.
 	EXPECT_EQ(events(), "1:LINKA0_1");
 }
@@ -148,154 +173,80 @@ TEST_F(Configure, ComparedValuesRestartOnlyTheirRing)
 		return t.insert(t.find("  port"), opt);
 	};
 	const std::string other = ring(3, "focal", {"eth5", "eth6"});
-	apply(FOCAL_1 + other);
+	apply(other + FOCAL_1);
 	mark(3);
-	int sock_other = instances[1].port[0].sock;
-	EXPECT_TRUE(restarts(FOCAL_1 + other, with("  ring-interval = 300\n") + other, 1));
-	EXPECT_TRUE(marked(3));
-	EXPECT_EQ(instances[1].port[0].sock, sock_other);
-	EXPECT_EQ(instances[0].ring_interval, 0.3f);
-	std::string member = with("  ring-role = member\n");
-	member.erase(member.find("  ring-role = focal\n"), 20);
-	for (auto &changed : {with("  guarded-recovery = 1\n"), with("  blocked-port = auto\n"), with("  response-delay = 1550\n"), member})
+	EXPECT_TRUE(restarts(other + FOCAL_1, other + with("  ring-interval = 300\n"), 1));
+	EXPECT_TRUE(marked(3)) << "the other ring runs on";
+	for (auto &changed : {with("  guarded-recovery = 1\n"), with("  blocked-port = auto\n"), with("  response-delay = 1550\n"), ring(1, "member", {"eth1;forward-delay = 3\n", "eth2;hello-time = 250\n"})})
 		EXPECT_TRUE(restarts(FOCAL_1, changed, 1)) << changed;
 	EXPECT_FALSE(restarts(FOCAL_1, with("  response-delay = 1549\n"), 1)) << "the same 50 ms tick is no change";
-
 	// A member ignores the focal point's settings, not its ports'.
-	EXPECT_FALSE(restarts(MEMBER_2, ring(2, "member", {"eth3;hello-enable = 0\n"}, "  ring-interval = 100\n  response-delay = 9000\n"
-										   "  guarded-recovery = 0\n  blocked-port = eth3\n"), 2));
-	for (std::string pc : {"eth3;hello-enable = 1\n", "eth3;hello-enable = 0\nhello-time = 400\n", "eth3;hello-enable = 0\nforward-delay = 2\n"})
+	EXPECT_FALSE(restarts(MEMBER_2, ring(2, "member", {"eth3;hello-enable = 0\n"}, "  ring-interval = 100\n  guarded-recovery = 0\n"), 2));
+	for (std::string pc : {"eth3;hello-enable = 1\n", "eth3;hello-enable = 0\nhello-time = 400\n", "eth3;hello-enable = 0\nforward-delay = 2\n", "eth4;hello-enable = 0\n"})
 		EXPECT_TRUE(restarts(MEMBER_2, ring(2, "member", {pc}), 2)) << pc;
 	EXPECT_TRUE(restarts(MEMBER_2, ring(2, "member", {"eth3;hello-enable = 0\n", "eth4"}), 2));
-	EXPECT_EQ(instances[0].port[1].ifindex, 14);
-	EXPECT_TRUE(restarts(ring(4, "member", {"eth1", "eth2"}), ring(4, "member", {"eth2", "eth1"}), 4)); // swapped port sections
-	EXPECT_EQ(instances[0].port[0].ifindex * 100 + instances[0].port[1].ifindex, 1211);
-	apply(ring(4, "member", {"eth1"}));
-	mark(4);
-	fake::iface_by_name("eth1")->index = 99; // interface recreated under a new index
-	apply(ring(4, "member", {"eth1"}));
-	EXPECT_FALSE(marked(4));
-	EXPECT_EQ(instances[0].port[0].ifindex, 99);
+	mark(2);
+	fake::iface_by_name("eth4")->index = 99; // interface recreated under a new index
+	apply(ring(2, "member", {"eth3;hello-enable = 0\n", "eth4"}));
+	EXPECT_FALSE(marked(2));
 }
 
-TEST_F(Configure, RemovedRingIsTornDownAndAddedRingTakesTheLowestFreeSlot)
+TEST_F(Configure, RemovedRingIsTornDownAndAddedRingTakesTheLowestFreeSlotCleared)
 {
-	const std::string r1 = ring(1, "member", {"eth1"}), r2 = ring(2, "member", {"eth2"}), r3 = ring(3, "focal", {"eth3", "eth4"});
+	const std::string r1 = ring(1, "member", {"eth1"}), r2 = ring(2, "member", {"eth2", "eth6"}), r3 = ring(3, "focal", {"eth3", "eth4"});
 	apply(r1 + r2 + r3);
 	mark(1);
 	mark(3);
+	zalkv2_instance &in = instances[1];
+	in.hold_state = in.port[0].hello_rx = 1; // what the old ring reached while running
+	in.port[1].remote_bridge_id[2] = 7;
+	miss_count[1][1] = 3;
+	fake::set_debug(ZALK_STATE);
 	apply(r1 + r3 + ring(4, "member", {"eth5"}));
 	EXPECT_FALSE(fake::file_exists("/var/run/zalkv2/2"));
 	EXPECT_TRUE(marked(1) && marked(3));
 	EXPECT_EQ(std::to_string(instances[0].ring_id) + std::to_string(instances[1].ring_id) + std::to_string(instances[2].ring_id), "143");
-	apply(""); // a file without rings tears every ring down
-	for (auto &in : instances)
-		EXPECT_FALSE(in.enabled);
+	// The new member enters its first state like on a fresh slot, without a trace of the old ring.
+	EXPECT_TRUE(has(notices(), "member_config_ring_topology() - Change ring state RING_OK_NET_FOCAL -> DOWN_NET_MEMBER\n"));
+	EXPECT_EQ(in.hold_state + in.port[0].hello_rx + in.port[1].remote_bridge_id[2] + miss_count[1][1], 0u);
+	EXPECT_EQ(in.port[1].ifindex * 100 + in.port[1].name[0], -100) << "no stale name on an absent port";
+	EXPECT_TRUE(ev_is_active(&in.port[0].hello_timer)); // the timers initialised at start-up still work
+	EXPECT_EQ(in.port[0].hello_timer.data, &in.port[0]);
+
+	// A file without rings tears every ring down, closing every descriptor it held.
+	apply("");
+	const auto open_fds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+	const auto before = open_fds();
+	apply(r2);
+	apply("");
+	EXPECT_EQ(open_fds(), before);
+	for (auto &i : instances)
+		EXPECT_FALSE(i.enabled);
 	EXPECT_FALSE(fake::file_exists("/var/run/zalkv2/1"));
 	EXPECT_FALSE(ev_is_active(&response_timer));
 }
 
-TEST_F(Configure, ReusedSlotStartsFromACleanProtocolState)
-{
-	apply(ring(1, "member", {"eth1", "eth2"}));
-	zalkv2_instance &in = instances[0];
-	in.tc_count = 12; // what the old ring reached while running
-	in.sending_link_up = in.link_up_pending = in.hold_state = 1;
-	in.fwd_cnt = 4;
-	in.edge[0].edge_id[3] = 9;
-	in.rx_errors[1].rx_wrong_ring_id = 5;
-	in.port[0].rx_ring = in.port[0].hello_rx = 33;
-	in.port[1].remote_bridge_id[2] = 7;
-	miss_count[0][1] = 3;
-	fake::set_debug(ZALK_STATE);
-	apply(ring(5, "member", {"eth3"}));
-	ASSERT_EQ(in.ring_id, 5);
-	// The new member enters its first state like on a fresh slot.
-	EXPECT_TRUE(has(notices(), "member_config_ring_topology() - Change ring state RING_OK_NET_FOCAL -> DOWN_NET_MEMBER\n"));
-	EXPECT_EQ(in.sending_link_up + in.link_up_pending + in.hold_state + in.fwd_cnt + in.edge[0].edge_id[3] + in.rx_errors[1].rx_wrong_ring_id +
-			  in.port[0].rx_ring + in.port[0].hello_rx + in.port[1].remote_bridge_id[2] + miss_count[0][1],
-		  0u);
-	EXPECT_EQ(in.port[1].ifindex, -1);
-	EXPECT_EQ(in.port[1].name[0], 0) << "no stale name on an absent port";
-	EXPECT_TRUE(ev_is_active(&in.port[0].hello_timer)); // the timers initialised at start-up still work
-	EXPECT_EQ(in.port[0].hello_timer.data, &in.port[0]);
-	EXPECT_EQ(in.ring_timer.data, &in);
-}
-
 TEST_F(Configure, SectionsThatCannotBeSetUp)
 {
-	fake::set_debug(ZALK_DBG);
-	std::string text;
-	for (int id = 1; id <= 11; id++)
-		text += ring(id, "member", {"eth" + std::to_string(id)});
-	apply(text);
-	for (int i = 0; i < ZALK_MAX_INSTANCES; i++)
-		EXPECT_EQ(instances[i].ring_id, i + 1);
-	EXPECT_EQ(zalkv2_find_instance(11), -1);
-	EXPECT_EQ(zalkv2_alloc_instance(11), -1);
-	EXPECT_EQ(zalkv2_alloc_instance(4), 3);
-	EXPECT_EQ(failures(), 1); // the eleventh, right after its debug line
-	auto &logs = fake::logs;
-	auto at = std::find(logs.begin(), logs.end(), fake::LogLine{LOG_NOTICE, "zalkv2_configure_instances() - Configure ZALKv2 ins -1 cfg:10\n"});
-	ASSERT_NE(at, logs.end());
-	EXPECT_EQ(at[1], (fake::LogLine{LOG_ERR, "Setup of ZALKv2 instance failed\n\n"}));
-
-	// Version other than 2 and a section without ring-role (refused, not guessed) fail; an unknown role makes a member.
-	apply("");
-	clear();
+	// Version other than 2 and a section without ring-role (refused, not guessed) fail; an unknown role makes a member
+	// that is set up again on every reload; a running ring whose section loses its role is torn down for good.
+	apply(ring(2, "member", {"eth2"}));
 	apply(ring(1, "member", {"eth1"}, "  version = 1\n") + ring(2, "", {"eth2"}) + ring(3, "peer", {"eth3"}));
-	EXPECT_EQ(failures(), 2);
+	EXPECT_EQ(count_of(join(errors()), "Setup of ZALKv2 instance failed\n\n"), 2u);
 	EXPECT_EQ(zalkv2_find_instance(1) + zalkv2_find_instance(2), -2);
-	ASSERT_NE(zalkv2_find_instance(3), -1);
-	EXPECT_EQ(instances[zalkv2_find_instance(3)].role, RING_TYPE_MEMBER);
-	EXPECT_TRUE(restarts(ring(3, "peer", {"eth3"}), ring(3, "peer", {"eth3"}), 3)) << "its role never compares";
-	apply(ring(2, "member", {"eth2"})); // a running ring whose section loses its role is torn down for good
-	apply(ring(2, "", {"eth2"}));
-	EXPECT_EQ(zalkv2_find_instance(2), -1);
-	EXPECT_FALSE(fake::file_exists("/var/run/zalkv2/2"));
-
-	const std::pair<std::string, uint32_t> blocked[] = {{"eth2", 1}, {"eth1", 0}, {"auto", 0}, {"eth7", 0}}; // only port B's name selects it
-	for (auto &[value, port] : blocked) {
-		apply(ring(1, "focal", {"eth1", "eth2"}, "  blocked-port = " + value + "\n"));
-		EXPECT_EQ(instances[0].blocked_port, port) << value;
-	}
+	EXPECT_EQ(instances[0].ring_id * 10 + instances[0].role, 30u + RING_TYPE_MEMBER);
+	EXPECT_TRUE(restarts(ring(3, "peer", {"eth3"}), ring(3, "peer", {"eth3"}), 3));
 	apply(ring(1, "focal", {"eth1"}, "  blocked-port = eth2\n")); // without port B there is nothing else to block
 	EXPECT_EQ(instances[0].blocked_port, 0u);
-}
 
-TEST_F(Configure, MissingBridgeFailsNewRingsAndKeepsRunningOnes)
-{
-	const std::string r1 = ring(1, "member", {"eth1"});
-	apply(r1);
-	mark(1);
-	int sock = instances[0].port[0].sock;
+	// Without the bridge new and changed rings fail, running ones stay.
 	fake::ifaces.erase(fake::ifaces.begin()); // br0
-	clear();
-	apply(r1 + ring(2, "member", {"eth2"}));
+	mark(1);
+	apply(ring(1, "focal", {"eth1"}, "  blocked-port = eth2\n") + ring(2, "member", {"eth2"}));
 	EXPECT_TRUE(marked(1));
-	EXPECT_EQ(instances[0].port[0].sock, sock);
-	EXPECT_EQ(zalkv2_find_instance(2), -1);
-	EXPECT_NE(join(errors()).find("Bridge do not exists\n Setup of ZALKv2 instance failed\n\n"), std::string::npos);
-	apply(ring(1, "member", {"eth1;hello-time = 300\n"})); // a changed ring fails as well and stays torn down
-	EXPECT_EQ(zalkv2_find_instance(1), -1);
-}
-
-TEST_F(Configure, PortWithoutSocketKeepsItsWatcherStopped)
-{
-	fake::socket_fails = true;
-	apply(ring(1, "member", {"eth1", "eth2"}));
-	fake::socket_fails = false;
-	ASSERT_TRUE(instances[0].enabled) << "the ring is set up without that socket";
-	EXPECT_FALSE(ev_is_active(&instances[0].port[0].rx_watcher) || ev_is_active(&instances[0].port[1].rx_watcher));
-	apply(ring(1, "member", {"eth1", "eth2"})); // an unchanged reload opens no socket: still stopped
-	EXPECT_FALSE(ev_is_active(&instances[0].port[0].rx_watcher));
-	apply(ring(1, "member", {"eth1", "eth2;hello-time = 300\n"})); // set up again with sockets, they run
-	EXPECT_TRUE(ev_is_active(&instances[0].port[0].rx_watcher) && ev_is_active(&instances[0].port[1].rx_watcher));
-	// A name that is no interface (index 0): still a ring port, but no socket that would hear every interface.
-	apply(ring(1, "member", {"eth1", "nosuch"}));
-	EXPECT_EQ(instances[0].port[1].ifindex, 0);
-	EXPECT_TRUE(ev_is_active(&instances[0].port[0].rx_watcher) && !ev_is_active(&instances[0].port[1].rx_watcher));
-	EXPECT_TRUE(has(errors(), "Ring port nosuch is no interface\n"));
+	EXPECT_TRUE(has(errors(), "Bridge do not exists\n"));
+	apply(ring(1, "member", {"eth1"}));
+	EXPECT_EQ(zalkv2_find_instance(1) + zalkv2_find_instance(2), -2);
 }
 
 // In the dying child, before the fakes clean up: was anything of the running ring touched?
@@ -328,5 +279,67 @@ TEST_F(ConfigureDeathTest, UnusableFileOnReloadExitsBeforeTouchingAnything)
 			testing::ExitedWithCode(1), "untouched");
 	}
 }
+
+// Drop filters of the reconfiguration (foreign rings, version-0 frames)
+// carry " protocol 802.1Q ", the rings' own filters " protocol all ".
+TEST_F(Configure, ShutdownRemovesTheDropFiltersFirstAndTearsRingsDownUnlessRebooting)
+{
+	const std::string two = FOCAL_1 + MEMBER_2;
+	fake::sched_result = -1;
+	fake::sched_errno = EPERM;
+	apply(two, true);
+	EXPECT_TRUE(has(errors(), "Failed raising ZALKv2 priority, 1. Error 1: Operation not permitted\n"));
+	clear();
+	stop("N 5\n");
+	EXPECT_TRUE(has(errors(), "Failed reverting ZALKv2 priority, 1. Error 1: Operation not permitted\n"));
+	EXPECT_EQ(fake::sched_calls, (std::vector<std::pair<int, int>>{{SCHED_OTHER, 0}}));
+	EXPECT_FALSE(instances[0].enabled || instances[1].enabled);
+	EXPECT_FALSE(fake::netlink.empty()) << "the rings' bridge setup is taken back";
+	std::string cmds = join(fake::commands);
+	EXPECT_LT(cmds.rfind(" protocol 802.1Q "), cmds.find(" protocol all "));
+	EXPECT_EQ(cmds.find(" add "), std::string::npos);
+
+	SetUp();
+	fake::sched_result = 0;
+	apply(two, true);
+	clear();
+	stop("N 6\n");
+	EXPECT_TRUE(instances[0].enabled && instances[1].enabled);
+	EXPECT_TRUE(fake::netlink.empty()) << "no bridge state of a ring port is changed";
+	ASSERT_FALSE(fake::commands.empty());
+	for (auto &c : fake::commands)
+		EXPECT_TRUE(c.rfind("tc filter del dev ", 0) == 0 && c.find(" protocol 802.1Q ") != std::string::npos) << c;
+}
+
+
+TEST_F(Configure, RunlevelIsTheSecondFieldOfTheCommandsOutput)
+{
+	const std::pair<const char *, int> cases[] = {{"N 5\n", 5}, {"3 6\n", 6}, {"N 1", 1}, {"unknown\n", -22}, {"N\n", -22}};
+	for (auto [out, level] : cases) {
+		fake::runlevel_output = out;
+		EXPECT_EQ(get_runlevel(), level) << out;
+	}
+	fake::runlevel_output = "";
+	CaptureStdout();
+	EXPECT_EQ(get_runlevel(), -22);
+	EXPECT_EQ(GetCapturedStdout(), "Failed to run command\n");
+}
+
+TEST_F(Configure, VersionZeroPidFileAndSignal)
+{
+	fake::write_file("/var/run/zalkd.pid", std::to_string(getpid()) + "\n"); // a live process: SIGUSR1, nothing logged
+	signal_zalkv0();
+	EXPECT_EQ(fake::kills, (std::vector<std::pair<int, int>>{{getpid(), SIGUSR1}}));
+	EXPECT_TRUE(fake::logs.empty());
+	// A file that names no single process never signals a process group.
+	for (std::string bad : {"0\n", "garbage\n", "99999999999\n"}) {
+		clear();
+		fake::write_file("/var/run/zalkd.pid", bad);
+		signal_zalkv0();
+		EXPECT_EQ(fake::logs, (std::vector<fake::LogLine>{{LOG_ERR, "Could not send signal to ZALKv0 daemon\n"}})) << bad;
+		EXPECT_TRUE(fake::kills.empty()) << bad;
+	}
+}
+
 
 } // namespace

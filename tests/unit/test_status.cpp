@@ -1,6 +1,5 @@
-// Debug level, event log, frame dump, name lookups, the status file tree
-// and the status report.
-#include <sys/stat.h>
+// Debug level, event log, frame dump, the status file tree and the status
+// report.
 #include <unistd.h>
 
 #include "tests/fakes/fixture.h"
@@ -11,17 +10,12 @@ namespace {
 
 class Status : public Unit {
 protected:
-	void SetUp() override
-	{
-		Unit::SetUp();
-		netsock = 5;
-	}
-	// Ring 3 on eth<10*ins+1> and eth<10*ins+2>, 50 ms interval, 1 s hello on port A only; no status tree yet.
+	// Ring 3 on eth<10*ins+1> and eth<10*ins+2>, 1 s hello on port A only; no status tree yet.
 	zalkv2_instance &ring(int ins, uint32_t role, bool with_b = true)
 	{
+		netsock = 5; // interface flags are asked through it
 		zalkv2_instance &in = make_ring(ins, role, 3, with_b);
 		zalk_remove_status(ins);
-		in.ring_interval = 0.05f;
 		in.ring_state = role == RING_TYPE_FOCAL ? RING_FAIL_NET_FOCAL : DOWN_NET_MEMBER;
 		for (auto &p : in.port) {
 			p.hello_time_ms = 1000;
@@ -30,8 +24,6 @@ protected:
 		in.port[PORT_A].hello_enable = 1;
 		return in;
 	}
-	static std::string file(const std::string &rel) { return fake::read_file("/var/run/zalkv2/3/" + rel); }
-	static bool exists(const std::string &rel) { return fake::file_exists("/var/run/zalkv2/3/" + rel); }
 	static std::string report()
 	{
 		testing::internal::CaptureStderr();
@@ -40,34 +32,22 @@ protected:
 	}
 };
 
-TEST_F(Status, DebugLevelEventLogAndNames)
+TEST_F(Status, DebugLevelEventLogAndHexDump)
 {
 	EXPECT_EQ(zalk_debug_level(), 0u); // no file
-	for (const char *text : {"255\n", "0xff\n", "0377", "255 and more\n"}) {
+	const std::pair<const char *, unsigned> levels[] = {{"255\n", 255}, {"0xff\n", 255}, {"0377", 255}, {"garbage\n", 0}, {"", 0}};
+	for (auto [text, level] : levels) {
 		fake::write_file("/var/run/zalkv2/debug", text);
-		EXPECT_EQ(zalk_debug_level(), 255u) << text;
-	}
-	for (const char *text : {"garbage\n", ""}) {
-		fake::write_file("/var/run/zalkv2/debug", text);
-		EXPECT_EQ(zalk_debug_level(), 0u) << text;
+		EXPECT_EQ(zalk_debug_level(), level) << text;
 	}
 	zalk_event_log("sm_cb", "I:%d Enter %s\n", 2, "RX_PCK");
 	EXPECT_FALSE(fake::file_exists("/tmp/zalk.log")); // bit clear: nothing
-	fake::write_file("/var/run/zalkv2/debug", "0x80"); // read anew every time
+	fake::write_file("/var/run/zalkv2/debug", "0x80"); // read anew after every change
 	zalk_event_log("sm_cb", "I:%d Enter %s\n", 2, "RX_PCK");
 	fake::now = {1000999, 7000};
 	zalk_event_log("sm_cb", "Leaving\n");
 	EXPECT_EQ(fake::read_file("/tmp/zalk.log"), "437.052 sm_cb() - I:2 Enter RX_PCK\n999.007 sm_cb() - Leaving\n");
-	EXPECT_TRUE(fake::logs.empty());
 
-	EXPECT_EQ(std::string(zalk_port_state_name(5)) + zalk_ring_state_name(7, true) + zalk_ring_state_name(6, false) +
-			  zalk_hello_state_name(-1) + zalk_ring_type_name(2) + zalk_event_name(15) + zalk_frame_type_name(8) +
-			  zalk_hello_resp_name(3) + zalk_logical_state_name(4),
-		  "Invalid stateINVALIDDownINVALIDINVALIDINVALIDUnknownInvalidINVALID");
-}
-
-TEST_F(Status, HexDump)
-{
 	uint8_t frame[80];
 	for (int i = 0; i < 80; i++)
 		frame[i] = uint8_t(i + 1);
@@ -81,79 +61,6 @@ TEST_F(Status, HexDump)
 				    "020: 21 22 23 24 25 26 27 28 :: 29 2A 2B 2C 2D 2E 2F 30 \n",
 				    "030: 31 32 33 34 35 36 37 38 :: 39 3A 3B 3C 3D 3E 3F 40 \n", "short\n",
 				    "000: 01 02 03 04 05 06 07 08 :: 09 0A 0B 0C 0D 0E 0F 10 \n", "010: 11 12 13 14 "}));
-}
-
-TEST_F(Status, SetUpFiles)
-{
-	ring(0, RING_TYPE_FOCAL).tc_count = 9;
-	EXPECT_EQ(zalk_status_setup(0), 0);
-	for (auto [name, text] : {std::pair{"type", "focal-point"}, {"ring-interval", "50"}, {"ring-id", "3"}, {"tc_count", "0"},
-				  {"tc_jiffies", "4242"}, {"eth1/hello_time", "1000"}, {"eth1/hello_ena", "yes"}, {"eth2/hello_ena", "no"}})
-		EXPECT_EQ(file(name), text) << name;
-	EXPECT_FALSE(exists("state")); // the live state comes with the first update
-	EXPECT_FALSE(exists("eth1/link"));
-	instances[0].ring_interval = 10 / 1000.0f; // single precision: reads back as 10, not 9
-	zalk_status_setup(0);
-	EXPECT_EQ(file("ring-interval"), "10");
-
-	zalk_remove_status(0);
-	ring(1, RING_TYPE_MEMBER, false); // a member without port B
-	EXPECT_EQ(zalk_status_setup(1), 0);
-	EXPECT_EQ(file("type"), "member");
-	EXPECT_FALSE(exists("ring-interval"));
-	zalk_set_status(1);
-	zalk_set_port_status(1, PORT_B);
-	EXPECT_EQ(file("state"), "Down");
-	EXPECT_EQ(file("eth11/physical_state"), "BLOCKING");
-	EXPECT_FALSE(exists("eth12"));
-	EXPECT_TRUE(fake::logs.empty());
-}
-
-TEST_F(Status, SetStatusCountsAndLogsTheLed)
-{
-	zalkv2_instance &in = ring(0, RING_TYPE_MEMBER);
-	zalk_status_setup(0);
-	in.port[PORT_A].link = 1;
-	zalk_set_status(0);
-	EXPECT_TRUE(fake::logs.empty()); // STATE clear
-	fake::set_debug(ZALK_STATE);
-	fake::uptime = 5000;
-	in.ring_state = BROKEN_NET_MEMBER;
-	zalk_set_status(0);
-	EXPECT_EQ(file("state") + file("tc_count") + "/" + file("tc_jiffies") + "/" + file("eth2/link"), "Broken2/5000/0");
-	in.port[PORT_B].link = 1;
-	in.ring_state = OK_NET_MEMBER;
-	zalk_set_status(0);
-	in.role = RING_TYPE_FOCAL; // a member's OK state is not a focal point's
-	zalk_set_status(0);
-	in.ring_state = RING_OK_NET_FOCAL;
-	zalk_set_status(0);
-	EXPECT_EQ(notices(), (Lines{"zalk_set_status() - RING BROKEN LED: RED Link M=1 N=0\n", "zalk_set_status() - RING OK LED: GREEN Link M=1 N=1\n",
-				    "zalk_set_status() - RING BROKEN LED: RED Link M=1 N=1\n", "zalk_set_status() - RING OK LED: GREEN Link M=1 N=1\n"}));
-	EXPECT_EQ(file("tc_count") + file("state"), "5Ring Ok");
-}
-
-TEST_F(Status, LogicalPortStates)
-{
-	zalkv2_port &a = ring(0, RING_TYPE_MEMBER).port[PORT_A];
-	zalk_status_setup(0);
-	const struct {
-		uint32_t state, link;
-		bool running;
-		const char *logical;
-	} cases[] = {{PORT_BLOCKING, 0, true, "Not Qualified"}, {PORT_BLOCKING, 1, true, "Qualified"}, {PORT_FORWARDING, 1, true, "Forwarding"},
-		     {PORT_FORWARDING, 0, true, "INVALID"},     {PORT_LEARNING, 1, true, "INVALID"},  {PORT_FORWARDING, 1, false, "Down"},
-		     {PORT_BLOCKING, 0, false, "Down"}};
-	for (auto &c : cases) {
-		a.state = c.state;
-		a.link = c.link;
-		fake::iface_by_name("eth1")->running = c.running;
-		zalk_set_port_status(0, PORT_A);
-		EXPECT_EQ(file("eth1/logical_state") + "/" + file("eth1/physical_state") + "/" + file("eth1/link"),
-			  std::string(c.logical) + "/" + zalk_port_state_name(c.state) + "/" + std::to_string(c.link));
-	}
-	a.ifindex = 77; // gone from the system
-	EXPECT_EQ(zalk_port_logical_state(0, PORT_A), 0);
 }
 
 TEST_F(Status, FailuresAreLoggedWithTheRealPathAndTreesRemoved)
@@ -184,7 +91,6 @@ TEST_F(Status, FailuresAreLoggedWithTheRealPathAndTreesRemoved)
 	EXPECT_EQ(errors(), Lines{"Error when removing directory " + top + "\n\n"});
 }
 
-const std::string LEGEND = " 1=STATE, 2=DBG, 4=NOTE 8=TRACE, 16=MSG, 32=TIP\n";
 std::string not_enabled(int from, int to)
 {
 	std::string s;
@@ -193,11 +99,11 @@ std::string not_enabled(int from, int to)
 	return s;
 }
 
-TEST_F(Status, ReportOfAnEmptyTableAndOfAFocalPointWithoutPortB)
+TEST_F(Status, ReportOfAFocalPointAndAMemberWithItsNeighbourAndErrorsOnce)
 {
-	EXPECT_EQ(report(), not_enabled(0, 10) + LEGEND + " Debug level: 0\n");
+	const std::string legend = " 1=STATE, 2=DBG, 4=NOTE 8=TRACE, 16=MSG, 32=TIP\n";
 	fake::write_file("/var/run/zalkv2/debug", "0x13\n");
-	EXPECT_EQ(report(), not_enabled(0, 10) + LEGEND + " Debug level: 19\n");
+	EXPECT_EQ(report(), not_enabled(0, 10) + legend + " Debug level: 19\n");
 
 	zalkv2_instance &in = ring(2, RING_TYPE_FOCAL, false);
 	in.ring_interval = 0.01f;
@@ -216,37 +122,29 @@ TEST_F(Status, ReportOfAnEmptyTableAndOfAFocalPointWithoutPortB)
 				    "  Hello enable : yes\n  Hello state  : HELLO_QUALIFIED\n  Hello resp   : Qualified\n"
 				    "  Hello time   : 0.250\n  Tx ring pkt  : True\n  Rx ring pkt  : False\n  Forward delay: 15\n"
 				    "  Remote Bridge ID:\n\tNo Neighbor bridge ID\n\n PortN: N/A\n------------------------------------------\n" +
-				    not_enabled(3, 10) + LEGEND + " Debug level: 0\n");
-}
+				    not_enabled(3, 10) + legend + " Debug level: 0\n");
 
-// The block printed for one port, from its "PortX:" line to its blank line.
-std::string port_block(const std::string &r, const std::string &port)
-{
-	size_t from = r.find(" Port" + port + ":");
-	return from == std::string::npos ? "" : r.substr(from, r.find("\n\n", from) + 2 - from);
-}
-
-TEST_F(Status, ReportNeighbourAndErrorsPrintedOnce)
-{
-	zalkv2_instance &in = ring(0, RING_TYPE_MEMBER);
+	in.enabled = 0;
+	zalkv2_instance &m = ring(0, RING_TYPE_MEMBER);
 	const uint8_t id[8] = {0x80, 0x00, 0x02, 0xab, 0xcd, 0x00, 0x00, 0x0f};
-	memcpy(in.port[PORT_B].remote_bridge_id, id, 8);
-	in.port[PORT_B].hello_state = 7;
-	in.port[PORT_B].hello_resp = 9;
-	in.port[PORT_B].state = 6;
-	in.rx_errors[PORT_A] = {7, 300};
-	in.rx_errors[PORT_B] = {3, 0}; // our own ring id: no error
+	memcpy(m.port[PORT_B].remote_bridge_id, id, 8);
+	m.port[PORT_B].hello_state = 7;
+	m.port[PORT_B].hello_resp = 9;
+	m.port[PORT_B].state = 6;
+	m.rx_errors[PORT_A] = {7, 300};
+	m.rx_errors[PORT_B] = {3, 0}; // our own ring id: no error
+	// The priority is always shown as 0, the MAC from bytes 2..7; errors are shown once, until they come again.
 	std::string r = report();
-	// The priority is always shown as 0, the MAC from bytes 2..7.
-	EXPECT_EQ(port_block(r, "N"), " PortN: eth2\n  State: Invalid state (INVALID)\n  Hello enable : no\n  Hello state  : INVALID\n"
-				      "  Hello resp   : Invalid\n  Hello time   : 1.000\n  Tx ring pkt  : False\n  Rx ring pkt  : False\n"
-				      "  Forward delay: 0\n  Remote Bridge ID:\n\tPrio: 0\n\tID: 02:ab:cd:00:00:0f\n\n");
-	EXPECT_NE(port_block(r, "M").find("\tNo Neighbor bridge ID\n  ERROR: Rx wrong ring id 7\n  ERROR: RX wrong hello time 300\n\n"), std::string::npos) << r;
-	EXPECT_EQ(in.rx_errors[PORT_A].rx_wrong_ring_id + in.rx_errors[PORT_A].rx_wrong_hello_time, 0);
-	EXPECT_EQ(in.rx_errors[PORT_B].rx_wrong_ring_id, 3);
-	EXPECT_EQ(report().find("ERROR"), std::string::npos); // shown once, until the error comes again
-	in.rx_errors[PORT_B].rx_wrong_hello_time = 50;
-	EXPECT_NE(port_block(report(), "N").find("  ERROR: RX wrong hello time 50\n"), std::string::npos);
+	EXPECT_EQ(r.substr(r.find("  Remote")), "  Remote Bridge ID:\n\tNo Neighbor bridge ID\n  ERROR: Rx wrong ring id 7\n  ERROR: RX wrong hello time 300\n\n"
+						  " PortN: eth2\n  State: Invalid state (INVALID)\n  Hello enable : no\n  Hello state  : INVALID\n"
+						  "  Hello resp   : Invalid\n  Hello time   : 1.000\n  Tx ring pkt  : False\n  Rx ring pkt  : False\n"
+						  "  Forward delay: 0\n  Remote Bridge ID:\n\tPrio: 0\n\tID: 02:ab:cd:00:00:0f\n\n"
+						  "------------------------------------------\n" +
+						  not_enabled(1, 10) + legend + " Debug level: 0\n");
+	EXPECT_EQ(m.rx_errors[PORT_B].rx_wrong_ring_id, 3);
+	EXPECT_EQ(report().find("ERROR"), std::string::npos);
+	m.rx_errors[PORT_B].rx_wrong_hello_time = 50;
+	EXPECT_NE(report().find("  Forward delay: 0\n  Remote Bridge ID:\n\tPrio: 0\n\tID: 02:ab:cd:00:00:0f\n  ERROR: RX wrong hello time 50\n\n"), std::string::npos);
 }
 
 } // namespace

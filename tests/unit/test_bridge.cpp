@@ -1,0 +1,387 @@
+// The bridge as the rings need it: every netlink request byte for byte,
+// preparation and teardown in order, the drop filters and their priority
+// list, and every command a ring runs.
+#include <cerrno>
+#include <linux/if_bridge.h>
+
+#include "tests/fakes/fixture.h"
+
+using namespace fx;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+namespace {
+
+// An encoder of its own for the expected bytes (little-endian; attributes
+// are length, type and a payload padded to 4 bytes).
+Bytes cat(std::initializer_list<Bytes> parts)
+{
+	Bytes b;
+	for (auto &p : parts)
+		b.insert(b.end(), p.begin(), p.end());
+	return b;
+}
+Bytes u16(uint16_t v) { return {uint8_t(v), uint8_t(v >> 8)}; }
+Bytes u32(uint32_t v) { return cat({u16(uint16_t(v)), u16(uint16_t(v >> 16))}); }
+Bytes attr(uint16_t type, const Bytes &payload)
+{
+	Bytes b = cat({u16(uint16_t(4 + payload.size())), u16(type), payload});
+	b.resize((b.size() + 3) & ~size_t(3));
+	return b;
+}
+// rtnl_talk adds NLM_F_ACK (4) and numbers the requests from 1.
+Bytes nlmsg(uint16_t type, uint16_t flags, uint32_t seq, const Bytes &fam, const Bytes &attrs)
+{
+	return cat({u32(uint32_t(16 + fam.size() + attrs.size())), u16(type), u16(flags | 4), u32(seq), u32(0), fam, attrs});
+}
+Bytes ifinfo(int32_t index) { return cat({{7, 0}, u16(0), u32(uint32_t(index)), u32(0), u32(0)}); }
+Bytes bridge_msg(int32_t index) { return cat({{7, 0, 0, 0}, u32(uint32_t(index))}); }
+// br_mdb_entry: ifindex, state, flags, vid, 16 address bytes, proto 0, padding.
+Bytes mdb_entry(int32_t port, uint8_t state, uint16_t vid, int ring, int k)
+{
+	Bytes addr = {0x03, 0x4b, 0xa1, 0x01, uint8_t(ring), uint8_t(k)};
+	addr.resize(16);
+	return attr(1, cat({u32(uint32_t(port)), {state, 0}, u16(vid), addr, u32(0)}));
+}
+#define EXPECT_REQUEST(i, expected) EXPECT_EQ(hex(fake::netlink.at(i)), hex(expected))
+
+using BridgeOps = Unit;
+
+TEST_F(BridgeOps, PortStateFlushVlanAndMulticastRequests)
+{
+	make_ring(0, RING_TYPE_MEMBER, 5, true);
+	clear();
+	EXPECT_EQ(zalkv2_set_port_state(&instances[0].port[PORT_A], PORT_BLOCKING), 0);
+	EXPECT_EQ(zalkv2_set_mst_port_state(9, 4021, PORT_FORWARDING), 0);
+	EXPECT_EQ(zalkv2_fdb_flush(0), 0);
+	EXPECT_EQ(zalkv2_bridge_vlan(11, 4021, 1, 1) + zalkv2_bridge_vlan(2, 4022, 0, 0), 0);
+	EXPECT_EQ(zalkv2_vlan_global_opt(2, 4021, BRIDGE_VLANDB_GOPTS_MCAST_SNOOPING, 1) + zalkv2_vlan_set_msti(2), 0);
+	// PROTINFO flagged nested (0x800c) > BRPORT_STATE u8.
+	EXPECT_REQUEST(0, nlmsg(19, 1, 1, ifinfo(11), attr(0x800c, attr(1, {4}))));
+	// AF_SPEC (26) > MST (6) > MST_ENTRY, the only one flagged nested > MSTI u16, STATE u8.
+	EXPECT_REQUEST(1, nlmsg(19, 1, 2, ifinfo(9), attr(26, attr(6, attr(0x8001, cat({attr(1, u16(4021)), attr(2, {3})}))))));
+	const Bytes flush = attr(0x800c, attr(24, {})); // BRPORT_FLUSH: a flag without payload
+	EXPECT_REQUEST(2, nlmsg(19, 1, 3, ifinfo(11), flush));
+	EXPECT_REQUEST(3, nlmsg(19, 1, 4, ifinfo(12), flush));
+	// AF_SPEC not flagged > BRIDGE_FLAGS u16 master 1 / self 2, VLAN_INFO {flags 0, vid}.
+	EXPECT_REQUEST(4, nlmsg(19, 1, 5, ifinfo(11), attr(26, cat({attr(0, u16(1)), attr(2, cat({u16(0), u16(4021)}))}))));
+	EXPECT_REQUEST(5, nlmsg(17, 1, 6, ifinfo(2), attr(26, cat({attr(0, u16(2)), attr(2, cat({u16(0), u16(4022)}))}))));
+	// RTM_NEWVLAN (112): GLOBAL_OPTIONS flagged nested (0x8002) > ID u16, option u8 / MSTI (18) u16.
+	EXPECT_REQUEST(6, nlmsg(112, 1, 7, bridge_msg(2), attr(0x8002, cat({attr(1, u16(4021)), attr(3, {1})}))));
+	EXPECT_REQUEST(7, nlmsg(112, 1, 8, bridge_msg(2), attr(0x8002, cat({attr(1, u16(4021)), attr(18, u16(4021))}))));
+
+	// Multicast entries: NEWMDB with CREATE|EXCL, permanent; removal: DELMDB, state 0, request flag only.
+	clear();
+	EXPECT_EQ(zalkv2_setup_mdb(0, 11, 1) + zalkv2_setup_mdb(0, 12, 0), 0);
+	ASSERT_EQ(fake::netlink.size(), 10u);
+	EXPECT_REQUEST(0, nlmsg(84, 0x601, 9, bridge_msg(2), mdb_entry(2, 1, 4021, 5, 1)));
+	EXPECT_REQUEST(9, nlmsg(85, 1, 18, bridge_msg(2), mdb_entry(12, 0, 4022, 5, 4)));
+	clear(); // a focal point's port B gets group 4 only; the low byte of the ring id counts
+	instances[0].role = RING_TYPE_FOCAL;
+	instances[0].ring_id = 0x103;
+	EXPECT_EQ(zalkv2_setup_mdb(0, 12, 1), 0);
+	EXPECT_EQ(fake::netlink, std::vector<Bytes>{nlmsg(84, 0x601, 19, bridge_msg(2), mdb_entry(12, 1, 4022, 3, 4))});
+}
+
+TEST_F(BridgeOps, RefusalsUnconfiguredPortsAndDebugLines)
+{
+	make_ring(0, RING_TYPE_MEMBER, 5, true);
+	zalkv2_port &port = instances[0].port[PORT_A];
+	clear(); // flushing stops at the first refusal
+	fake::talk_hook = [](const nlmsghdr *n) { return ((const ifinfomsg *)NLMSG_DATA(n))->ifi_index == 11 ? -ENODEV : 0; };
+	EXPECT_EQ(zalkv2_fdb_flush(0), -1);
+	EXPECT_EQ(fake::netlink.size(), 1u);
+	fake::talk_hook = [](const nlmsghdr *) { return -EBUSY; };
+	EXPECT_EQ(zalkv2_set_port_state(&port, PORT_FORWARDING) + zalkv2_vlan_set_msti(2), -2 * EBUSY);
+	EXPECT_EQ(zalkv2_setup_mdb(0, 11, 1), -7); // each refused entry counts -1
+
+	clear(); // unconfigured ports: nothing sent, success
+	port.ifindex = -1;
+	EXPECT_EQ(zalkv2_set_port_state(&port, PORT_BLOCKING) + zalkv2_set_mst_port_state(-1, 4021, PORT_BLOCKING) + zalkv2_bridge_vlan(-1, 4021, 1, 1), 0);
+	EXPECT_TRUE(fake::netlink.empty());
+
+	fake::set_debug(ZALK_DBG);
+	fake::talk_hook = nullptr;
+	snprintf(port.name, 16, "eth9"); // an index the system no longer knows: the configured name, or the number
+	port.ifindex = 99;
+	zalkv2_set_port_state(&port, PORT_FORWARDING);
+	zalkv2_set_mst_port_state(99, 4021, 9);
+	const uint8_t mac[6] = {0xAB, 0xCD, 0xEF, 0x0A, 0x0B, 0x0C};
+	fake::spawn_hook = [](const Lines &) { return 255; };
+	EXPECT_EQ(zalkv2_fdb_remove("eth2", mac, 4022), 255);
+	EXPECT_EQ(notices(), (Lines{"zalkv2_set_port_state() - eth9 : FORWARDING\n\n",
+				    "zalkv2_set_mst_port_state() - #99 : Invalid state\n\n",
+				    "zalkv2_fdb_remove() - zalkv2_fdb_remove - bridge fdb del ab:cd:ef:0a:0b:0c dev eth2 master vlan 4022\n\n"}));
+	EXPECT_EQ(fake::argvs, (std::vector<Lines>{{"bridge", "fdb", "del", "ab:cd:ef:0a:0b:0c", "dev", "eth2", "master", "vlan", "4022"}}));
+}
+
+TEST_F(BridgeOps, AttributeBuilderAndMacQuery)
+{
+	struct {
+		nlmsghdr n;
+		char buf[64];
+	} req{{32, 0, 0, 0, 0}, {}};
+	uint8_t data[40] = {};
+	EXPECT_EQ(addattr_l(&req.n, 75, 5, data, sizeof(data)), -1); // needs 76
+	EXPECT_EQ(errors(), Lines{"addattr_l ERROR: message exceeded bound of 75\n"});
+	EXPECT_EQ(addattr_l(&req.n, 76, 5, data, sizeof(data)) * 100 + req.n.nlmsg_len, 76u);
+
+	const uint8_t mac[6] = {0x02, 0xaa, 0xbb, 0xcc, 0xdd, 0x0e};
+	fake::add_iface("eth1", 11, mac);
+	uint8_t out[6] = {9, 9, 9, 9, 9, 9};
+	clear();
+	EXPECT_EQ(if_get_mac(11, out), -1); // socket not open
+	EXPECT_EQ(errors(), Lines{"Interface socket not initialized\n"});
+	netsock = 5;
+	fake::set_debug(ZALK_DBG);
+	EXPECT_EQ(if_get_mac(77, out) + if_get_mac(11, out), 0); // an interface gone is no failure
+	EXPECT_EQ(notices(), Lines{"if_get_mac() - eth1(11) mac: 02:aa:bb:cc:dd:0e\n"});
+}
+
+class Prepare : public Unit {
+protected:
+	void SetUp() override
+	{
+		Unit::SetUp();
+		const uint8_t mac[6] = {2, 0, 0, 0, 0, 2};
+		fake::add_iface("br0", 2, mac);
+		record_sequence();
+		EXPECT_EQ(zalkv2_prepare_bridge(), 0);
+		EXPECT_EQ(seq, (Lines{"vlan add 2 4021 self", "vlan add 2 4022 self"}));
+		seq.clear();
+		clear();
+	}
+	void TearDown() override
+	{
+		zalkv2_teardown();
+		Unit::TearDown();
+	}
+	std::string prepare(int ins) // returns what standard error got
+	{
+		CaptureStderr();
+		zalkv2_prepare_bridge_on_instance(ins);
+		return GetCapturedStderr();
+	}
+};
+
+Lines filters(const char *action, const char *dev, int prio, int ring, int n)
+{
+	Lines v;
+	char b[160];
+	for (int k = 1; k <= n; k++, prio++) {
+		snprintf(b, sizeof(b), "tc filter %s dev %s ingress protocol all prio %d flower skip_hw dst_mac 03:4b:a1:01:%02d:%02d action drop",
+			 action, dev, prio, ring, k);
+		v.push_back(b);
+	}
+	return v;
+}
+Lines operator+(Lines a, const Lines &b)
+{
+	a.insert(a.end(), b.begin(), b.end());
+	return a;
+}
+
+const Lines focal_prepare =
+	Lines{"vlan add 11 4021 master", "vlan add 12 4021 master", "gopt 2 vid 4021 3=1", "gopt 2 vid 4021 15=0", "vlan add 11 4022 master",
+	      "vlan add 12 4022 master", "gopt 2 vid 4022 3=1", "gopt 2 vid 4022 15=0", "gopt 2 vid 4021 18=4021", "mst 11 4021 4",
+	      "mst 12 4021 4", "tc qdisc add dev eth1 clsact", "tc qdisc add dev eth2 clsact"} +
+	filters("add", "eth1", 321, 5, 3) + filters("add", "eth2", 324, 5, 3) +
+	Lines{"mdb add 2 2 03:4b:a1:01:05:01 4021", "mdb add 2 2 03:4b:a1:01:05:02 4021", "mdb add 2 2 03:4b:a1:01:05:03 4022",
+	      "mdb add 2 2 03:4b:a1:01:05:04 4022", "mdb add 2 11 03:4b:a1:01:05:04 4022", "mdb add 2 12 03:4b:a1:01:05:04 4022",
+	      "bridge fdb del 02:00:00:00:00:01 dev eth1 master vlan 4021", "bridge fdb del 02:00:00:00:00:01 dev eth1 master vlan 4022",
+	      "bridge fdb del 02:00:00:00:00:02 dev eth2 master vlan 4021", "bridge fdb del 02:00:00:00:00:02 dev eth2 master vlan 4022",
+	      "bridge link set dev eth1 backup_port eth2", "bridge link set dev eth2 backup_port eth1"};
+
+const Lines focal_teardown =
+	Lines{"mdb del 2 2 03:4b:a1:01:05:01 4021", "mdb del 2 2 03:4b:a1:01:05:02 4021", "mdb del 2 2 03:4b:a1:01:05:03 4022",
+	      "mdb del 2 2 03:4b:a1:01:05:04 4022", "mdb del 2 11 03:4b:a1:01:05:04 4022", "mdb del 2 12 03:4b:a1:01:05:04 4022"} +
+	filters("del", "eth1", 321, 5, 3) + filters("del", "eth2", 324, 5, 3) +
+	Lines{"tc qdisc del dev eth1 clsact", "tc qdisc del dev eth2 clsact", "vlan del 11 4021 master", "vlan del 12 4021 master",
+	      "vlan del 11 4022 master", "vlan del 12 4022 master", "bridge link set dev eth1 nobackup_port", "bridge link set dev eth2 nobackup_port"};
+
+TEST_F(Prepare, FocalPointAndMemberInOrder)
+{
+	make_ring(0, RING_TYPE_FOCAL, 5);
+	EXPECT_EQ(prepare(0), "");
+	EXPECT_EQ(seq, focal_prepare);
+	seq.clear();
+	EXPECT_EQ(zalkv2_bridge_enable_mgnt_vlan(0), 0);
+	EXPECT_EQ(seq, (Lines{"mst 11 4021 3", "mst 12 4021 3"}));
+
+	make_ring(2, RING_TYPE_MEMBER, 7, false); // a member without port B still sets the bridge options
+	seq.clear();
+	EXPECT_EQ(prepare(2), "");
+	EXPECT_EQ(seq, (Lines{"vlan add 31 4021 master", "gopt 2 vid 4021 3=1", "gopt 2 vid 4021 15=0", "vlan add 31 4022 master",
+			      "gopt 2 vid 4022 3=1", "gopt 2 vid 4022 15=0", "gopt 2 vid 4021 18=4021", "mst 31 4021 4",
+			      "tc qdisc add dev eth21 clsact",
+			      "tc filter add dev eth21 ingress protocol all prio 327 flower skip_hw dst_mac 03:4b:a1:01:07:01 action drop",
+			      "mdb add 2 2 03:4b:a1:01:07:01 4021", "mdb add 2 2 03:4b:a1:01:07:02 4021", "mdb add 2 2 03:4b:a1:01:07:03 4022",
+			      "mdb add 2 2 03:4b:a1:01:07:04 4022", "mdb add 2 31 03:4b:a1:01:07:02 4021", "mdb add 2 31 03:4b:a1:01:07:03 4022",
+			      "mdb add 2 31 03:4b:a1:01:07:04 4022", "bridge fdb del 02:00:00:00:02:01 dev eth21 master vlan 4021",
+			      "bridge fdb del 02:00:00:00:02:01 dev eth21 master vlan 4022"}));
+	EXPECT_TRUE(errors().empty());
+}
+
+TEST_F(Prepare, EveryStepRunsAfterFailures)
+{
+	make_ring(0, RING_TYPE_FOCAL, 5);
+	talk = [](const nlmsghdr *) { return -1; };
+	cmd = [](const Lines &) { return 1; };
+	EXPECT_EQ(prepare(0), "zalkv2_prepare_bridge_on_instance - Instance 0 Failed\n");
+	EXPECT_EQ(seq, Lines(focal_prepare.begin(), focal_prepare.end() - 1)); // only the backup ports stop early
+	EXPECT_TRUE(has(errors(), "zalkv2_remove_own_uc_mac - Failed\n"));
+	EXPECT_EQ(errors().back(), "Could not add buddy port for ring port eth1\n");
+	CaptureStderr();
+	EXPECT_NE(zalkv2_bridge_enable_mgnt_vlan(0), 0);
+	EXPECT_EQ(GetCapturedStderr(), "zalkv2_bridge_enable_mgnt_vlan - Instance 0 Failed\n");
+	// A netlink error and a command's status must not cancel out.
+	talk = [](const nlmsghdr *n) { return describe(n) == "gopt 2 vid 4021 18=4021" ? -95 : 0; };
+	cmd = [](const Lines &v) { return v[0] == "bridge" && v[1] == "link" ? 95 : 0; };
+	tc_list_create();
+	EXPECT_EQ(prepare(0), "zalkv2_prepare_bridge_on_instance - Instance 0 Failed\n");
+
+	// After a teardown both sockets are opened anew; when neither opens and the
+	// kernel refuses both VLANs, every failure is reported.
+	zalkv2_teardown();
+	clear();
+	fake::socket_fails = fake::rtnl_open_fails = true;
+	talk = [](const nlmsghdr *) { return -95; };
+	CaptureStderr();
+	EXPECT_NE(zalkv2_prepare_bridge(), 0);
+	EXPECT_EQ(GetCapturedStderr(), "Cannot open rtnetlink\n");
+	EXPECT_EQ(errors(), (Lines{"netsock was not open!\n\n", "Can not initialaze socket socket\n", "Failed to initialize netlink socket\n",
+				   "zalkv2_prepare_bridge - Failed\n\n"}));
+}
+
+TEST_F(Prepare, TeardownKeepsBridgeVlansWhileUsedAndForeignQdiscs)
+{
+	make_ring(0, RING_TYPE_FOCAL, 5);
+	auto teardown = [&]() {
+		instances[0].enabled = 1;
+		tc_list_create();
+		EXPECT_EQ(prepare(0), "");
+		instances[0].enabled = 0;
+		seq.clear();
+		CaptureStderr();
+		EXPECT_EQ(zalkv2_teardown_bridge_on_instance(0), 0);
+		EXPECT_EQ(GetCapturedStderr(), "");
+		return seq;
+	};
+	instances[1].enabled = 1; // another ring still runs
+	EXPECT_EQ(teardown(), focal_teardown);
+	instances[1].enabled = 0; // the last ring, but the version-0 daemon is there
+	fake::write_file("/var/run/zalkd.pid", "4711\n");
+	EXPECT_EQ(teardown(), focal_teardown);
+	std::remove((fake::root() + "/var/run/zalkd.pid").c_str()); // the last ring: the bridge's own VLANs go first
+	EXPECT_EQ(teardown(), (Lines{"vlan del 2 4021 self", "vlan del 2 4022 self"} + focal_teardown));
+
+	// A clsact qdisc that was already there is not ours to remove; failed filter removals do not count.
+	cmd = [](const Lines &v) { return v[1] == "qdisc" ? 2 : 0; };
+	instances[4].enabled = 1;
+	tc_list_create();
+	EXPECT_EQ(prepare(0), "");
+	seq.clear();
+	cmd = [](const Lines &v) { return v[0] == "tc" ? 2 : 0; };
+	EXPECT_EQ(zalkv2_teardown_bridge_on_instance(0), 0);
+	EXPECT_EQ(seq, (Lines(focal_teardown.begin(), focal_teardown.begin() + 12) + Lines(focal_teardown.begin() + 14, focal_teardown.end())));
+	talk = [](const nlmsghdr *n) { return n->nlmsg_type == RTM_DELLINK ? -2 : 0; };
+	CaptureStderr();
+	EXPECT_NE(zalkv2_teardown_bridge_on_instance(0), 0);
+	EXPECT_EQ(GetCapturedStderr(), "zalkv2_teardown_bridge_on_instance - Instance 0 Failed\n");
+}
+
+// Every external command a ring runs, with a port name that holds blanks:
+// each command keeps its word count and the name stays one argument.
+TEST_F(Prepare, ANameWithBlanksIsOneArgumentOfEveryCommand)
+{
+	auto run_all = [this](const char *name) {
+		TearDown();
+		SetUp();
+		make_ring(0, RING_TYPE_FOCAL, 5);
+		snprintf(instances[0].port[PORT_A].name, sizeof(instances[0].port[PORT_A].name), "%s", name);
+		fake::iface_by_index(11)->name = name;
+		const uint8_t mac[6] = {2, 0, 0, 0, 0, 1};
+		fake::clear_records();
+		zalkv2_prepare_bridge_on_instance(0);
+		zalkv2_block_v0_macs(1);
+		zalkv2_block_unconfigured_rings(1);
+		zalkv2_fdb_remove(name, mac, ZALK_MGNT_VLAN);
+		zalkv2_teardown_bridge_on_instance(0);
+		return fake::argvs;
+	};
+	const auto plain = run_all("eth1");
+	const auto odd = run_all("eth1 dev lo");
+	ASSERT_EQ(odd.size(), plain.size());
+	ASSERT_GT(plain.size(), 40u); // qdisc, filters, backup ports, FDB entries
+	for (size_t i = 0; i < plain.size(); i++) {
+		EXPECT_EQ(odd[i].size(), plain[i].size()) << fake::commands[i];
+		for (size_t w = 0; w < plain[i].size(); w++)
+			EXPECT_EQ(odd[i][w], plain[i][w] == "eth1" ? "eth1 dev lo" : plain[i][w]);
+	}
+}
+
+class Filters : public Unit {
+protected:
+	const uint8_t g1[6] = {3, 0x4b, 0xa1, 1, 5, 1}, g2[6] = {3, 0x4b, 0xa1, 1, 5, 2}, g3[6] = {3, 0x4b, 0xa1, 1, 5, 3};
+};
+TEST_F(Filters, PrioritiesAreReusedLowestFirstUntilTheTableIsFull)
+{
+	make_ring(0, RING_TYPE_FOCAL, 5);
+	for (auto g : {g1, g2, g3})
+		ASSERT_EQ(zalkv2_tc_mac_filter(1, 11, "all", g, 1, 1, 0), 0);
+	clear();
+	EXPECT_EQ(zalkv2_tc_mac_filter(1, 11, "all", g2, 0, 1, 0), 0);
+	EXPECT_EQ(fake::commands, Lines{"tc filter del dev eth1 ingress protocol all prio 322 flower skip_hw dst_mac 03:4b:a1:01:05:02 action drop"});
+	EXPECT_EQ(tc_entry_find(TC_LOW_PRIO, 1, 11, "03:4b:a1:01:05:02"), nullptr);
+	// The gap is filled first, then numbering continues after the highest.
+	EXPECT_EQ(tc_entry_add(TC_LOW_PRIO, 1, 12, "03:4b:a1:01:05:04"), 322);
+	EXPECT_EQ(tc_entry_add(TC_LOW_PRIO, 2, 11, "03:4b:a1:01:05:04"), 324);
+	EXPECT_EQ(tc_entry_del(TC_LOW_PRIO, 1, 11, "03:4b:a1:01:05:01") + tc_entry_del(TC_LOW_PRIO, 1, 11, "03:4b:a1:01:05:03"), 321 + 323);
+	for (int prio : {321, 323, 325})
+		EXPECT_EQ(tc_entry_add(TC_LOW_PRIO, 1, 13, std::to_string(prio).c_str()), prio);
+	tc_list_create(); // a fresh list starts over
+
+	EXPECT_EQ(tc_entry_find(TC_LOW_PRIO, 1, 13, "321"), nullptr);
+
+	// Ten rings, two ports each, three own filters and two for each of twenty other ring ids.
+	constexpr int capacity = 10 * 2 * (3 + 2 * 20);
+	char mac[32];
+	for (int i = 0; i < capacity; i++) {
+		snprintf(mac, sizeof(mac), "m%d", i);
+		ASSERT_EQ(tc_entry_add(TC_LOW_PRIO, 2, 11, mac), 321 + i);
+	}
+	clear();
+	EXPECT_EQ(tc_entry_add(TC_LOW_PRIO, 2, 11, "one more"), -1);
+	EXPECT_EQ(errors(), Lines{"Filter table full (860 entries), cannot add prio 1 id 2 ifdx:11 one more\n\n"});
+	EXPECT_EQ(tc_entry_del(TC_LOW_PRIO, 2, 11, "m500"), 821);
+	EXPECT_EQ(tc_entry_add(TC_LOW_PRIO, 2, 11, "one more"), 821);
+}
+
+TEST_F(Filters, UnconfiguredRingIdsAreBlockedOnEveryRingPort)
+{
+	make_ring(0, RING_TYPE_FOCAL, 1);
+	make_ring(3, RING_TYPE_MEMBER, 2, false);
+	make_ring(5, RING_TYPE_MEMBER, 4, false);
+	instances[5].enabled = 0; // a free slot blocks nothing and leaves ring 4 unconfigured
+	zalkv2_block_unconfigured_rings(1);
+	// Ring ids 3 to 20, each with groups 1 and 2 on ports eth1, eth2 and eth31 in turn.
+	ASSERT_EQ(fake::commands.size(), 18u * 3 * 2);
+	EXPECT_EQ(fake::commands[0], "tc filter add dev eth1 ingress protocol 802.1Q prio 321 flower dst_mac 03:4b:a1:01:03:01 vlan_id 4021 action drop");
+	EXPECT_EQ(fake::commands[9], "tc filter add dev eth2 ingress protocol 802.1Q prio 330 flower dst_mac 03:4b:a1:01:04:02 vlan_id 4021 action drop");
+	EXPECT_EQ(fake::commands[107], "tc filter add dev eth31 ingress protocol 802.1Q prio 428 flower dst_mac 03:4b:a1:01:14:02 vlan_id 4021 action drop");
+	// Removal with the same set of rings frees every priority it took.
+	clear();
+	zalkv2_block_unconfigured_rings(0);
+	EXPECT_EQ(fake::argvs.size(), 108u);
+	EXPECT_EQ(fake::argvs.back()[2] + fake::argvs.back()[9], "del428");
+	EXPECT_EQ(tc_entry_add(TC_LOW_PRIO, 1, 11, "x"), 321);
+	// A failing port is reported once per ring id.
+	clear();
+	fake::spawn_hook = [](const Lines &v) { return v[4] == "eth2" ? 1 : 0; };
+	zalkv2_block_foreign_ring(7, 1);
+	EXPECT_EQ(fake::commands.size(), 6u);
+	ASSERT_EQ(errors().size(), 3u);
+	EXPECT_EQ(errors()[2], "Could not block mac addresses for unconfigured ring id\n\n");
+}
+
+} // namespace
