@@ -64,6 +64,26 @@ TEST_F(Member, LinksComeUpAnnouncementRunsAnswerOpensBothPorts)
 	EXPECT_EQ(instances[0].port[PORT_A].state, (uint32_t)PORT_BLOCKING);
 }
 
+// A forward delay opens the returning port on its own after D ticks of
+// announcement (at the D+1th); 0 waits for the focal point's answer.
+TEST_F(Member, ForwardDelayOpensAfterItsTicksAndZeroWaitsForever)
+{
+	instances[0].port[PORT_A].fwd_delay = 3;
+	event(0, LINKA0_1);
+	event(0, LINKB0_1);
+	announcing(3);
+	clear();
+	member_tick();
+	EXPECT_EQ(dispatch(), 1);
+	EXPECT_EQ(state_file(), "Ok");
+	EXPECT_EQ(bridge(), "12=FORWARDING 11=FORWARDING 11:flush 12:flush");
+	stopped();
+	instances[0].port[PORT_A].fwd_delay = 0;
+	event(0, LINKB1_0);
+	event(0, LINKB0_1);
+	announcing(50);
+}
+
 TEST_F(Member, LinkDownDuringAnnouncementStopsItAndASecondLinkUpDoesNotRestartIt)
 {
 	event(0, LINKA0_1);
