@@ -19,6 +19,7 @@ and without it (--rate 0).
     lab/flood.py build/zalkv2d [--rate 200000] [--reps 10]
 """
 import argparse
+import json
 import os
 import statistics
 import struct
@@ -89,6 +90,11 @@ def event_time(lab, since):
 	return None
 
 
+def rx_packets(lab):
+	"""Frames received so far on s1's port B, as its counters say."""
+	return int(zlab.nsx(lab.ns('s1'), 'cat', '/sys/class/net/zl1b/statistics/rx_packets'))
+
+
 def stats(v):
 	v = sorted(v)
 	if not v:
@@ -112,9 +118,10 @@ def main():
 			raise zlab.LabError('ring did not close')
 		frame = ring_frame(lab).hex()
 		probe = lab.probe_bin()
-		cut, usr1, floods = [], [], []
+		cut, usr1, floods, arrived = [], [], [], []
 		for _ in range(a.reps):
 			fl = None
+			rx0 = rx_packets(lab)
 			if a.rate:
 				fl = subprocess.Popen(['ip', 'netns', 'exec', lab.ns('s2'), probe, 'flood', 'zl1a', frame,
 						       str(a.rate), str(int(a.rate * 2.5))],
@@ -130,11 +137,15 @@ def main():
 				cut.append((t1 - t0) * 1e3)
 			if fl:
 				floods.append(fl.communicate(timeout=30)[0].strip())
+				# what reached s1's port B (the cut heals after this)
+				arrived.append((rx_packets(lab) - rx0) / json.loads(floods[-1])['seconds'])
 			lab.heal('L4')
 			lab.wait(lambda: lab.blocking_ports(1) == [('s1', 'zl1a')], 10.0, 0.05)
 		print('flood %s frames/s of s1\'s own Ring frame into s1 port B, %d repetitions' % (a.rate, a.reps))
 		if floods:
 			print('  flood as sent: %s' % floods[-1])
+			print('  arrived at s1 port B: %s frames/s (min / median / max over the repetitions)' %
+			      ' / '.join('{:,.0f}'.format(x) for x in (min(arrived), statistics.median(arrived), max(arrived))))
 		print('  carrier cut to ring logic: %s' % stats(cut))
 		print('  SIGUSR1 to report:         %s' % stats(usr1))
 		print('  s1 alive: %s' % lab.alive('s1'))
