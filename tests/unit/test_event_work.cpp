@@ -40,18 +40,6 @@ TEST_F(EventWork, DebugLevelFollowsEveryKindOfChangeAtTheNextRead)
 	}
 }
 
-TEST_F(EventWork, LevelWrittenBetweenTwoLogPointsOfOneEventCountsAtTheSecond)
-{
-	make_ring(0, RING_TYPE_MEMBER);
-	member_config_ring_topology(0, DOWN_NET_MEMBER, 0);
-	fake::set_debug(0);
-	clear();
-	// the operator writes the file while the port requests are under way
-	fake::talk_hook = [](const nlmsghdr *) { fake::set_debug(ZALK_STATE); return 0; };
-	event(0, LINKA0_1);
-	EXPECT_EQ(notices(), Lines{"zalk_set_status() - RING BROKEN LED: RED Link M=1 N=0\n"});
-}
-
 TEST_F(EventWork, StatusFilesHoldTheirTextsAfterEveryEventAndFollowItsFrames)
 {
 	make_ring(0, RING_TYPE_MEMBER);

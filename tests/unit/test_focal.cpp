@@ -128,18 +128,4 @@ TEST_F(Focal, ReturningLinkIsAnsweredAtTheNPlus4thTickWithBothEdges)
 	EXPECT_EQ(sent(), "");
 }
 
-TEST_F(Focal, LinkDownFrameDuringTheHoldCancelsTheAnswer)
-{
-	event(0, RX_LINKB_1, link_up_payload(0x05));
-	for (int t = 0; t < 5; t++)
-		hold_tick();
-	EXPECT_EQ(instances[0].hold_state, 1u);
-	event(0, RX_LINKB_0);
-	clear();
-	for (int t = 0; t < 40; t++)
-		hold_tick();
-	EXPECT_EQ(instances[0].hold_state, 0u);
-	EXPECT_EQ(sent() + bridge(), "");
-}
-
 } // namespace
