@@ -112,14 +112,6 @@ protected:
 		memcpy(&f[rx_off::HELLO_SENDER], y, 8);
 		return f;
 	}
-	zalkv2_port &qualified(int p)
-	{
-		port(p).hello_resp = 2;
-		hello_set_state(0, p, HELLO_QUALIFIED);
-		events();
-		clear();
-		return port(p);
-	}
 };
 
 TEST_F(Hello, LinkComingUpPostsDownAtTheNextTickAndQualifiesOnlyAfterAHello)
@@ -144,7 +136,10 @@ TEST_F(Hello, LinkComingUpPostsDownAtTheNextTickAndQualifiesOnlyAfterAHello)
 
 TEST_F(Hello, SilentNeighbourDropsQualificationAfterTwoFastRetries)
 {
-	zalkv2_port &a = qualified(PORT_A);
+	zalkv2_port &a = port(PORT_A);
+	a.hello_resp = 2; // qualified
+	hello_set_state(0, PORT_A, HELLO_QUALIFIED);
+	events();
 	for (uint32_t miss = 1; miss <= 2; miss++) {
 		hello_tick(0, PORT_A);
 		EXPECT_EQ(a.hello_miss, miss);
