@@ -98,20 +98,18 @@ std::string describe(const nlmsghdr *n)
 	return "netlink " + std::to_string(t);
 }
 
-std::string bridge()
+// Each record so read, joined by blanks.
+template <class C, class F> static std::string each(const C &records, F read)
 {
 	Lines v;
-	for (auto &r : fake::netlink)
-		v.push_back(describe((const nlmsghdr *)r.data()));
+	for (auto &r : records)
+		v.push_back(read(r));
 	return join(v);
 }
-
+std::string bridge() { return each(fake::netlink, [](auto &r) { return describe((const nlmsghdr *)r.data()); }); }
 std::string sent()
 {
-	Lines v;
-	for (auto &f : fake::frames)
-		v.push_back(std::string(zalk_frame_type_name(f.bytes.at(28))) + "@" + std::to_string(f.ifindex));
-	return join(v);
+	return each(fake::frames, [](auto &f) { return zalk_frame_type_name(f.bytes.at(28)) + ("@" + std::to_string(f.ifindex)); });
 }
 
 Lines seq;
@@ -147,10 +145,7 @@ std::vector<sm_event> posted()
 }
 std::string events()
 {
-	Lines v;
-	for (auto &e : posted())
-		v.push_back(std::to_string(e.instance) + ":" + zalk_event_name(e.event));
-	return join(v);
+	return each(posted(), [](auto &e) { return std::to_string(e.instance) + ":" + zalk_event_name(e.event); });
 }
 
 const uint8_t PEER[6] = {0x0E, 0x00, 0x00, 0x00, 0x00, 0x77};
@@ -189,7 +184,6 @@ zalkv2_instance &make_ring(int ins, uint32_t role, int ring_id, bool with_b)
 		zalkv2_port &port = in.port[p];
 		port.instance = &in;
 		port.port_index = p;
-		port.ifindex = -1;
 		if (p == PORT_B && !with_b)
 			continue;
 		port.ifindex = 10 * ins + 11 + p;

@@ -83,7 +83,6 @@ protected:
 		instances[ins].port[PORT_B].link = b;
 	}
 	void post(int ins, uint32_t ev, const Bytes &d = {}) { sm_send_event(ins, ev, d.empty() ? nullptr : d.data(), d.size()); }
-	bool pending() { return readable(); }
 	int dispatch(); // sm_cb until the channel is empty; records handled
 	void event(int ins, uint32_t ev, const Bytes &d = {})
 	{

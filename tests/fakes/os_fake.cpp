@@ -1,4 +1,5 @@
-// Fake OS boundary for the unit tests.
+// Fake OS boundary for the unit tests, rtnetlink seam included:
+// requests are recorded byte for byte.
 #include "tests/fakes/fake.h"
 
 #include <algorithm>
@@ -14,48 +15,20 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include "bridge/rtnl.h"
 #include "daemon/os.h"
 
 namespace fake {
-std::vector<LogLine> logs;
-std::vector<Frame> frames;
-std::vector<std::vector<uint8_t>> netlink;
-std::vector<std::string> commands;
-std::vector<std::vector<std::string>> argvs;
-std::vector<std::string> batches;
-std::vector<Iface> ifaces;
-std::deque<Frame> rx_queue;
-struct timeval now = {1000437, 52301};
-long uptime = 4242;
-int sched_result = 0;
-int sched_errno = 0;
-std::vector<std::pair<int, int>> sched_calls;
-std::vector<std::pair<int, int>> kills;
-std::string runlevel_output = "N 5\n";
-bool rtnl_open_fails = false;
-std::deque<RecvMsg> recvmsg_queue;
-int recvmsg_calls = 0;
-bool socket_fails = false;
-std::function<int(const nlmsghdr *)> talk_hook;
-std::function<int(const std::vector<std::string> &)> spawn_hook;
-std::function<void(const Frame &)> send_hook;
 
 static std::string root_dir;
 static int next_fd = 100;
 
+// Each back to its value-initialised state.
+template <class... T> static void fresh(T &...v) { ((v = T{}), ...); }
+
 const std::string &root() { return root_dir; }
 
-void clear_records()
-{
-	logs.clear();
-	frames.clear();
-	netlink.clear();
-	commands.clear();
-	argvs.clear();
-	batches.clear();
-	sched_calls.clear();
-	kills.clear();
-}
+void clear_records() { fresh(logs, frames, netlink, commands, argvs, batches, sched_calls, kills); }
 
 void reset()
 {
@@ -67,24 +40,13 @@ void reset()
 	}
 	std::error_code ec;
 	fs::remove_all(root_dir, ec);
-	fs::create_directories(root_dir + "/etc");
-	fs::create_directories(root_dir + "/var/run");
-	fs::create_directories(root_dir + "/tmp");
+	for (const char *d : {"/etc", "/var/run", "/tmp"})
+		fs::create_directories(root_dir + d);
 	clear_records();
-	ifaces.clear();
-	rx_queue.clear();
+	fresh(ifaces, rx_queue, recvmsg_queue, recvmsg_calls, sched_result, sched_errno, rtnl_open_fails, socket_fails, talk_hook,
+	      spawn_hook, send_hook);
 	now = {1000437, 52301};
-	uptime = 4242;
-	sched_result = 0;
-	sched_errno = 0;
 	runlevel_output = "N 5\n";
-	rtnl_open_fails = false;
-	recvmsg_queue.clear();
-	recvmsg_calls = 0;
-	socket_fails = false;
-	talk_hook = nullptr;
-	spawn_hook = nullptr;
-	send_hook = nullptr;
 }
 
 void add_iface(const std::string &name, int index, const uint8_t mac[6], bool running)
@@ -141,7 +103,7 @@ void os_syslog(int prio, const char *text) { logs.push_back({prio, text}); }
 
 void os_gettimeofday(struct timeval *tv) { *tv = fake::now; }
 
-long os_uptime() { return fake::uptime; }
+long os_uptime() { return 4242; }
 
 const char *os_root()
 {
@@ -169,19 +131,15 @@ int os_getsockname(int, struct sockaddr *, socklen_t *) { return 0; }
 
 ssize_t os_sendmsg(int, const struct msghdr *msg, int)
 {
-	Frame f;
-	auto *sll = static_cast<const sockaddr_ll *>(msg->msg_name);
-	f.ifindex = sll ? sll->sll_ifindex : -1;
-	size_t total = 0;
+	Frame f{static_cast<const sockaddr_ll *>(msg->msg_name)->sll_ifindex, {}};
 	for (size_t i = 0; i < msg->msg_iovlen; i++) {
 		auto *p = static_cast<const uint8_t *>(msg->msg_iov[i].iov_base);
 		f.bytes.insert(f.bytes.end(), p, p + msg->msg_iov[i].iov_len);
-		total += msg->msg_iov[i].iov_len;
 	}
 	if (send_hook)
 		send_hook(f);
-	frames.push_back(std::move(f));
-	return (ssize_t)total;
+	frames.push_back(f);
+	return (ssize_t)f.bytes.size();
 }
 
 ssize_t os_recvfrom(int, void *buf, size_t len, int, struct sockaddr *from, socklen_t *fromlen)
@@ -194,14 +152,11 @@ ssize_t os_recvfrom(int, void *buf, size_t len, int, struct sockaddr *from, sock
 	rx_queue.pop_front();
 	size_t n = std::min(len, f.bytes.size());
 	memcpy(buf, f.bytes.data(), n);
-	if (from && fromlen && *fromlen >= sizeof(sockaddr_ll)) {
-		sockaddr_ll sll{};
-		sll.sll_family = AF_PACKET;
-		sll.sll_ifindex = f.ifindex;
-		sll.sll_pkttype = f.pkttype;
-		memcpy(from, &sll, sizeof(sll));
-		*fromlen = sizeof(sll);
-	}
+	sockaddr_ll sll{}; // a frame received, not one sent out (sll_pkttype 0)
+	sll.sll_family = AF_PACKET;
+	sll.sll_ifindex = f.ifindex;
+	memcpy(from, &sll, std::min<size_t>(*fromlen, sizeof(sll)));
+	*fromlen = sizeof(sll);
 	return (ssize_t)n;
 }
 
@@ -218,8 +173,7 @@ ssize_t os_recvmsg(int, struct msghdr *msg, int)
 		errno = m.err;
 		return -1;
 	}
-	size_t room = msg->msg_iovlen ? msg->msg_iov[0].iov_len : 0;
-	size_t n = std::min(room, m.bytes.size());
+	size_t n = std::min(msg->msg_iov[0].iov_len, m.bytes.size());
 	if (n)
 		memcpy(msg->msg_iov[0].iov_base, m.bytes.data(), n);
 	msg->msg_flags = n < m.bytes.size() ? MSG_TRUNC : 0;
@@ -329,4 +283,22 @@ int os_kill(pid_t pid, int sig)
 {
 	kills.emplace_back(pid, sig);
 	return kill(pid, 0) == 0 ? 0 : -1; // only whether such a process exists
+}
+
+int rtnl_open(struct rtnl_handle *rth, unsigned subscriptions)
+{
+	memset(rth, 0, sizeof(*rth));
+	rth->fd = rtnl_open_fails ? -1 : 300 + (int)subscriptions;
+	return rtnl_open_fails ? -1 : 0;
+}
+
+void rtnl_close(struct rtnl_handle *rth) { rth->fd = -1; }
+
+int rtnl_talk(struct rtnl_handle *rtnl, struct nlmsghdr *n, struct nlmsghdr **)
+{
+	n->nlmsg_seq = ++rtnl->seq;
+	n->nlmsg_flags |= NLM_F_ACK;
+	auto *p = reinterpret_cast<const uint8_t *>(n);
+	netlink.emplace_back(p, p + n->nlmsg_len);
+	return talk_hook ? talk_hook(n) : 0;
 }

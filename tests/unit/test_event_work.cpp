@@ -1,8 +1,8 @@
 // Less work per event, the same promises: the debug level follows its
-// file at the next gated log point however the file changes; the status
-// files hold their texts after every event although they are written
-// after its frames; the drop filters of a reconfiguration step run as one
-// tc batch whose failures read as when each command ran alone.
+// file however the file changes; the status files hold their texts after
+// every event although they are written after its frames; the drop
+// filters of a reconfiguration step run as one tc batch whose failures
+// read as when each command ran alone.
 #include <filesystem>
 #include <fstream>
 
@@ -14,7 +14,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class EventWork : public Unit {};
+using EventWork = Unit;
 
 void put(const std::string &path, const char *text) { std::ofstream(path, std::ios::trunc) << text; }
 
@@ -38,18 +38,6 @@ TEST_F(EventWork, DebugLevelFollowsEveryKindOfChangeAtTheNextRead)
 		EXPECT_EQ(zalk_debug_level(), level);
 		EXPECT_EQ(zalk_debug_level(), level);
 	}
-}
-
-TEST_F(EventWork, LevelWrittenBetweenTwoLogPointsOfOneEventCountsAtTheSecond)
-{
-	make_ring(0, RING_TYPE_MEMBER);
-	member_config_ring_topology(0, DOWN_NET_MEMBER, 0);
-	fake::set_debug(0);
-	clear();
-	// the operator writes the file while the port requests are under way
-	fake::talk_hook = [](const nlmsghdr *) { fake::set_debug(ZALK_STATE); return 0; };
-	event(0, LINKA0_1);
-	EXPECT_EQ(notices(), Lines{"zalk_set_status() - RING BROKEN LED: RED Link M=1 N=0\n"});
 }
 
 TEST_F(EventWork, StatusFilesHoldTheirTextsAfterEveryEventAndFollowItsFrames)

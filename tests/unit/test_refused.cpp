@@ -28,7 +28,6 @@ TEST_F(Refused, ValuesTheDaemonCannotRunWithFailTheirRingWithOneLine)
 		{"ring-id = 256", "Ring 256: ring-id = 256 refused: frames carry ring ids 0 to 255 only"},
 		{"ring-id = 1000000000", "Ring 1000000000: ring-id = 1000000000 refused: frames carry ring ids 0 to 255 only"},
 		{"ring-role = focal ring-interval = 0", "Ring 5: ring-interval = 0 refused: a period must be above 0 ms"},
-		{"ring-role = focal ring-interval = -500", "Ring 5: ring-interval = -500 refused: a period must be above 0 ms"},
 		{"ring-role = focal response-delay = -1", "Ring 5: response-delay = -1 refused: must be 0 to 3600000 ms"},
 		{"ring-role = focal response-delay = 99999999999", "Ring 5: response-delay = 99999999999 refused: must be 0 to 3600000 ms"},
 		{"port a { hello-time = -1 }", "Ring 5: port a: hello-time = -1 refused: a period must be above 0 ms"},
@@ -40,7 +39,6 @@ TEST_F(Refused, ValuesTheDaemonCannotRunWithFailTheirRingWithOneLine)
 		{"port a { name = \"\" }", "Ring 5: port a: name = \"\" refused: not a Linux interface name"},
 		{"port a { name = eth1234567890123 }", "Ring 5: port a: name = \"eth1234567890123\" refused: not a Linux interface name"},
 		{"port a { name = state }", "Ring 5: port a: name = \"state\" refused: the name of one of the ring's status files"},
-		{"port a { name = ring-id }", "Ring 5: port a: name = \"ring-id\" refused: the name of one of the ring's status files"},
 		{"ring-id = 6", "Ring 6: ring-role = (none) refused: every ring needs a role, focal or member"},
 	};
 	for (auto &[values, line] : rows) {
