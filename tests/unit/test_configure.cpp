@@ -119,6 +119,11 @@ TEST_F(Configure, StartUpInOrderWithUnitsConvertedAndRealTimePriorityLast)
 	}
 	EXPECT_EQ(fake::sched_calls, (std::vector<std::pair<int, int>>{{SCHED_FIFO, 49}}));
 	EXPECT_TRUE(errors().empty());
+	// Frames built from the file: the member's group address, its port's MAC, the base MAC of the system file.
+	dispatch();
+	ring_tick(0);
+	EXPECT_EQ(sent(), "Link Up@13 Ring@11 Ring@12");
+	EXPECT_EQ(hex(fake::frames.at(0).bytes, 0, 40), "034ba101020202aa000000038100efb50024aaaa03024ba101002002031a00000011223344550000");
 	const zalkv2_instance &f = instances[0], &m = instances[1];
 	EXPECT_EQ(f.blocked_port * 10 + f.port[0].fwd_delay, 25u);
 	EXPECT_EQ(f.ring_state * 10 + m.ring_state, RING_FAIL_NET_FOCAL * 10u + DOWN_NET_MEMBER);
