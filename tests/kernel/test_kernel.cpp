@@ -1,9 +1,7 @@
-// The real OS layer against the kernel, in the namespaces netns.sh makes:
-// packet sockets, the link monitor and Hello qualification on veths in one
-// libev loop (events read back from the event channel); the rtnetlink
-// layer, bridge operations, preparation and the command runner on a real
-// br0. This kernel's plain bridge has no VLAN filtering, MST or flower:
-// those steps must fail with their reports while the rest takes effect.
+// The real OS layer in the namespaces netns.sh makes: packet sockets and
+// Hello on veths in a real libev loop; rtnetlink, bridge operations and
+// preparation on a real br0, whose plain bridge has no VLAN filtering, MST
+// or flower; the command runner.
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -11,15 +9,12 @@
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
-#include <linux/if_bridge.h>
-#include <linux/if_packet.h>
 #include <net/if.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
-#include "bridge/filters.h"
 #include "bridge/netlink_ops.h"
 #include "bridge/prepare.h"
 #include "daemon/os.h"
@@ -52,13 +47,6 @@ std::string sh_out(const std::string &cmd)
 	return out;
 }
 bool has(const std::string &text, const std::string &what) { return text.find(what) != std::string::npos; }
-size_t count(const std::string &text, const std::string &what)
-{
-	size_t n = 0;
-	for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
-		n++;
-	return n;
-}
 // What the daemon logged (to standard error as well, see Bridge) while f ran.
 template <class F> std::string logged(F &&f)
 {
@@ -83,8 +71,7 @@ void add_veth(const std::string &a, const std::string &b)
 }
 
 // Instance `ins` as configuration leaves it on real interfaces (a null
-// port B is absent), br0's index if there is one; opens the interface
-// socket the MAC queries need.
+// port B is absent); opens the interface socket the MAC queries need.
 void ring_instance(int ins, int ring_id, uint32_t role, const char *a, const char *b)
 {
 	if (netsock <= 0)
@@ -110,8 +97,6 @@ void ring_instance(int ins, int ring_id, uint32_t role, const char *a, const cha
 	in.enabled = 1;
 }
 
-// The wire.
-
 constexpr float HELLO_TIME = 0.2f;
 
 // The event channel read in a real libev loop: every event posted lands
@@ -121,6 +106,7 @@ struct EventLoop {
 	ev_io watcher{};
 	std::vector<sm_event> got;
 
+	~EventLoop() { ev_io_stop(loop, &watcher); }
 	void start()
 	{
 		ev_io_init(&watcher, [](struct ev_loop *, ev_io *w, int) {
@@ -139,17 +125,15 @@ struct EventLoop {
 		ev_run(loop, 0);
 		ev_timer_stop(loop, &t);
 	}
-	// Index of the first `event` of `ins` from index `from` on, waiting at
-	// most `limit` seconds for it; -1 if none came.
-	long wait_for(uint32_t ins, uint32_t event, size_t from, double limit)
+	// Whether `event` of `ins` came from index `from` on, waiting at most
+	// `limit` seconds for it.
+	bool wait_for(uint32_t ins, uint32_t event, size_t from, double limit)
 	{
-		for (double end = now_s() + limit;; run(0.01)) {
-			for (size_t i = from; i < got.size(); i++)
-				if (got[i].instance == ins && got[i].event == event)
-					return (long)i;
+		auto is = [&](const sm_event &ev) { return ev.instance == ins && ev.event == event; };
+		for (double end = now_s() + limit; std::none_of(got.begin() + (long)from, got.end(), is); run(0.01))
 			if (now_s() > end)
-				return -1;
-		}
+				return false;
+		return true;
 	}
 };
 
@@ -179,14 +163,12 @@ TEST(Wire, ProtocolFramesArriveUntaggedNothingElseReachesUserSpace)
 	ASSERT_EQ(zalkv2_open_port_socket(&rx), 0);
 	// Link changes go first, frames wait for pending events.
 	EXPECT_EQ(std::pair(ev_priority(&link_watcher), ev_priority(&rx.rx_watcher)), std::pair(ZALK_PRI_KERNEL, ZALK_PRI_FRAMES));
+	// Ring frames go out ahead of other traffic; no socket ever blocks the loop.
 	for (int fd : {send_sock, rx.sock}) {
-		int prio = 0, ignore = 0;
-		socklen_t len = sizeof(prio), insns = 0;
+		int prio = 0;
+		socklen_t len = sizeof(prio);
 		EXPECT_EQ(getsockopt(fd, SOL_SOCKET, SO_PRIORITY, &prio, &len), 0);
-		EXPECT_EQ(getsockopt(fd, SOL_SOCKET, SO_GET_FILTER, nullptr, &insns), 0); // answers the length
-		EXPECT_EQ(getsockopt(fd, SOL_PACKET, PACKET_IGNORE_OUTGOING, &ignore, &len), 0);
-		EXPECT_EQ((codes{(uint32_t)prio, insns, (uint32_t)ignore, (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0}),
-			  (codes{7, 8, fd == rx.sock, 1}));
+		EXPECT_EQ((codes{(uint32_t)prio, (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0}), (codes{7, 1}));
 	}
 	// Frames to other prefixes go first; the link delivers in order, so
 	// the protocol frame read first proves they were dropped.
@@ -204,7 +186,6 @@ TEST(Wire, ProtocolFramesArriveUntaggedNothingElseReachesUserSpace)
 	want.insert(want.end(), t + 16, t + 64);
 	memcpy(want.data() + 6, tx.mac, 6);
 	EXPECT_EQ(bytes(buf, buf + std::max<ssize_t>(n, 0)), want);
-	EXPECT_FALSE(readable(rx.sock, 100));
 
 	// A frame leaving the port is not received on it, even untagged (as
 	// a bridge forwarding in software would send it on).
@@ -213,9 +194,6 @@ TEST(Wire, ProtocolFramesArriveUntaggedNothingElseReachesUserSpace)
 	rx.operstate = ZALK_OPER_UP;
 	packet_send(&rx, f, sizeof(f));
 	EXPECT_FALSE(readable(rx.sock, 200));
-	zalkv2_close_port_socket(&rx);
-	EXPECT_EQ(rx.sock, 0);
-	sh("ip link del zk0");
 
 	zalkv2_port gone = {}; // a port socket that cannot be bound ends the daemon
 	gone.ifindex = 999999;
@@ -225,14 +203,13 @@ TEST(Wire, ProtocolFramesArriveUntaggedNothingElseReachesUserSpace)
 // Two members of ring 7 in this process, X on ha and Y on hb (a veth
 // pair), each with Hello on its port A, started as configuration does on
 // resume.
-TEST(Wire, HelloQualifiesDropsASilentNeighbourFastAndFollowsCarrier)
+TEST(Wire, HelloQualifiesAndDropsASilentNeighbourFast)
 {
 	EventLoop events;
 	auto port = [](int i) -> zalkv2_port & { return instances[i].port[PORT_A]; };
 	add_veth("ha", "hb");
 	for (int i = 0; i < 2; i++) {
 		ring_instance(i, 7, RING_TYPE_MEMBER, i ? "hb" : "ha", nullptr);
-		memcpy(instances[i].base_mac, "\x02\x5a\0\0\0", 5);
 		instances[i].base_mac[5] = (uint8_t)(0x0a + i);
 		init_link();
 		port(i).hello_enable = 1;
@@ -253,23 +230,18 @@ TEST(Wire, HelloQualifiesDropsASilentNeighbourFastAndFollowsCarrier)
 		zalkv2_update_link_status(i);
 	}
 	// Each side reports its link down (NO_RESPONSE or PHY_DOWN, as the
-	// kernel's notifications fall) before it qualifies, then up once.
-	auto qualified_once = [&](size_t from) {
-		for (uint32_t ins = 0; ins < 2; ins++) {
-			ASSERT_GE(events.wait_for(ins, LINKA0_1, from, 5), 0) << ins << " never qualified";
-			codes seq;
-			for (size_t i = from; i < events.got.size(); i++)
-				if (events.got[i].instance == ins)
-					seq.push_back(events.got[i].event);
-			seq.erase(std::unique(seq.begin(), seq.end()), seq.end());
-			EXPECT_EQ(seq, (codes{LINKA1_0, LINKA0_1})) << ins;
-			EXPECT_EQ(port(ins).hello_state, HELLO_QUALIFIED) << ins;
-		}
-	};
-	qualified_once(0); // through the Q-bit handshake
-	for (int i = 0; i < 2; i++) {
-		EXPECT_EQ(instances[i].rx_errors[PORT_A].rx_wrong_hello_time, 0) << i;
-		EXPECT_EQ(0, memcmp(port(i).remote_bridge_id + 2, instances[1 - i].base_mac, 6)) << i;
+	// kernel's notifications fall) before it qualifies through the Q-bit
+	// handshake, then up once.
+	for (uint32_t ins = 0; ins < 2; ins++) {
+		ASSERT_TRUE(events.wait_for(ins, LINKA0_1, 0, 5)) << ins << " never qualified";
+		codes seq;
+		for (const sm_event &ev : events.got)
+			if (ev.instance == ins && (seq.empty() || seq.back() != ev.event))
+				seq.push_back(ev.event);
+		EXPECT_EQ(seq, (codes{LINKA1_0, LINKA0_1})) << ins;
+		EXPECT_EQ(port(ins).hello_state, HELLO_QUALIFIED) << ins;
+		EXPECT_EQ(instances[ins].rx_errors[PORT_A].rx_wrong_hello_time, 0) << ins;
+		EXPECT_EQ(0, memcmp(port(ins).remote_bridge_id + 2, instances[1 - ins].base_mac, 6)) << ins;
 	}
 
 	// Y falls silent, its link stays up: after the first tick that misses
@@ -277,45 +249,16 @@ TEST(Wire, HelloQualifiesDropsASilentNeighbourFastAndFollowsCarrier)
 	events.run(2 * HELLO_TIME);
 	size_t mark = events.got.size();
 	zalkv2_hello_stop(1, events.loop);
-	const double t0 = now_s();
 	for (uint32_t miss = 1; miss <= 2; miss++) {
 		for (double end = now_s() + 2; port(0).hello_miss < miss && now_s() < end;)
 			events.run(0.005);
 		EXPECT_EQ(port(0).hello_miss, miss);
 		EXPECT_LT(ev_timer_remaining(events.loop, &port(0).hello_timer), HELLO_TIME * 0.5) << miss;
 	}
-	long fall = events.wait_for(0, LINKA1_0, mark, 1);
-	ASSERT_GE(fall, 0) << "X kept its qualification";
-	EXPECT_LT(now_s() - t0, 2 * HELLO_TIME + 0.1 + 0.2); // a slow period of phase, then fast
-	EXPECT_EQ(port(0).hello_state, HELLO_NO_RESPONSE);
-	EXPECT_FLOAT_EQ(port(0).hello_timer.repeat, HELLO_TIME) << "back to the slow period";
+	ASSERT_TRUE(events.wait_for(0, LINKA1_0, mark, 1)) << "X kept its qualification";
+	mark = events.got.size();
 	zalkv2_hello_start(1, events.loop); // Y speaks again: X requalifies
-	EXPECT_GE(events.wait_for(0, LINKA0_1, fall, 2), 0);
-
-	// Carrier loss is PHY_DOWN at once; carrier alone does not qualify.
-	events.run(HELLO_TIME);
-	mark = events.got.size();
-	sh("ip link set hb down");
-	ASSERT_GE(events.wait_for(0, LINKA1_0, mark, 2), 0);
-	ASSERT_GE(events.wait_for(1, LINKA1_0, mark, 2), 0);
-	EXPECT_EQ(port(0).operstate, ZALK_OPER_DOWN);
-	events.run(2 * HELLO_TIME);
-	EXPECT_EQ(port(0).hello_state, HELLO_PHY_DOWN) << "ticks while down keep it there";
-	EXPECT_FLOAT_EQ(port(0).hello_timer.repeat, HELLO_TIME) << "and at the slow period";
-	EXPECT_EQ(port(1).hello_state, HELLO_PHY_DOWN);
-	mark = events.got.size();
-	sh("ip link set hb up");
-	qualified_once(mark);
-
-	zalkv2_link_monitor_stop();
-	for (int i = 0; i < 2; i++) {
-		zalkv2_hello_stop(i, events.loop);
-		ev_io_stop(events.loop, &port(i).rx_watcher);
-		zalkv2_close_port_socket(&port(i));
-		instances[i].enabled = 0;
-	}
-	ev_io_stop(events.loop, &events.watcher);
-	sh("ip link del ha");
+	EXPECT_TRUE(events.wait_for(0, LINKA0_1, mark, 2));
 }
 
 // The bridge: br0 with ring ports rA and rB, veths whose peers rAp and
@@ -336,7 +279,7 @@ protected:
 		memset(instances, 0, sizeof(instances));
 		// Opens the interface socket and bridge_rth; the bridge's own
 		// VLANs fail here.
-		prep = logged([] { zalkv2_prepare_bridge(); });
+		logged([] { zalkv2_prepare_bridge(); });
 	}
 	void TearDown() override
 	{
@@ -344,16 +287,22 @@ protected:
 		sh("ip link del br0; ip link del rA; ip link del rB");
 	}
 	int idx(const char *dev) { return (int)if_nametoindex(dev); }
-	std::string prep, log;
+	std::string log;
 };
 
-// Each request numbered and acknowledged; kernel errors negative and
-// reported; the interface queries.
-TEST_F(Bridge, PortStateIsSetAndReadBack)
+// What a topology change does on the bridge: learned entries flushed, port
+// states set; kernel errors come back negative and reported.
+TEST_F(Bridge, LearnedEntriesAreFlushedAndPortStatesSet)
 {
+	ring_instance(0, 3, RING_TYPE_MEMBER, "rA", "rB");
+	ASSERT_EQ(sh("bridge fdb add 02:00:00:00:00:01 dev rA master dynamic && bridge fdb add 02:00:00:00:00:02 dev rB "
+		     "master dynamic && bridge fdb add 02:00:00:00:00:03 dev rB master static"), 0);
+	EXPECT_EQ(zalkv2_fdb_flush(0), 0);
+	EXPECT_FALSE(fdb_has("02:00:00:00:00:01", "rA") || fdb_has("02:00:00:00:00:02", "rB"));
+	EXPECT_TRUE(fdb_has("02:00:00:00:00:03", "rB")) << "static entries survive";
+
 	zalkv2_port port{};
 	port.ifindex = idx("rA");
-	const uint32_t seq = bridge_rth.seq;
 	// A bridge without STP puts a blocking port back to forwarding at
 	// once, so the states that stay put are used.
 	for (auto [state, name] : {std::pair{PORT_DISABLED, "disabled"}, {PORT_LEARNING, "learning"},
@@ -361,8 +310,7 @@ TEST_F(Bridge, PortStateIsSetAndReadBack)
 		EXPECT_EQ(zalkv2_set_port_state(&port, state), 0);
 		EXPECT_TRUE(port_state("rA", name)) << name;
 	}
-	EXPECT_TRUE(port_state("rB", "forwarding"));
-	EXPECT_EQ(bridge_rth.seq, seq + 4);
+
 	ASSERT_EQ(sh("ip link set br0 type bridge stp_state 1"), 0); // the kernel's own STP runs the ports
 	log = logged([&] { EXPECT_EQ(zalkv2_set_port_state(&port, PORT_LEARNING), -EBUSY); });
 	EXPECT_TRUE(has(log, "RTNETLINK answers: Device or resource busy\n")) << log;
@@ -372,42 +320,8 @@ TEST_F(Bridge, PortStateIsSetAndReadBack)
 	EXPECT_TRUE(wait_until([&] { return zalkv2_if_running(idx("rB")) == 0; }));
 }
 
-TEST_F(Bridge, FdbFlushEmptiesLearnedEntriesOfBothRingPorts)
-{
-	ring_instance(0, 3, RING_TYPE_MEMBER, "rA", "rB");
-	ASSERT_EQ(sh("bridge fdb add 02:00:00:00:00:01 dev rA master dynamic && bridge fdb add 02:00:00:00:00:02 dev rB "
-		     "master dynamic && bridge fdb add 02:00:00:00:00:03 dev rB master static"), 0);
-	ASSERT_TRUE(fdb_has("02:00:00:00:00:01", "rA") && fdb_has("02:00:00:00:00:02", "rB"));
-	EXPECT_EQ(zalkv2_fdb_flush(0), 0);
-	EXPECT_FALSE(fdb_has("02:00:00:00:00:01", "rA"));
-	EXPECT_FALSE(fdb_has("02:00:00:00:00:02", "rB"));
-	EXPECT_TRUE(fdb_has("02:00:00:00:00:03", "rB")) << "static entries survive";
-}
-
-TEST_F(Bridge, MdbEntriesAndTheRequestsThisBridgeRefuses)
-{
-	const uint8_t group[6] = {0x03, 0x4b, 0xa1, 0x01, 0x03, 0x02};
-	const int br = idx("br0"), a = idx("rA");
-	EXPECT_EQ(logged([&] { EXPECT_EQ(zalkv2_mdb_entry(br, a, group, ZALK_MGNT_VLAN, 1), 0); }), "");
-	EXPECT_TRUE(has(show("bridge mdb show", "br0"), "port rA grp 03:4b:a1:01:03:02 permanent vid 4021"));
-	log = logged([&] { EXPECT_EQ(zalkv2_mdb_entry(br, a, group, ZALK_MGNT_VLAN, 1), -1); });
-	// The kernel's extended-ack explanation follows the report.
-	EXPECT_NE(log.find("Error: ", log.find("RTNETLINK answers: File exists\n")), std::string::npos) << log;
-
-	if (sh("bridge vlan add vid 4021 dev br0 self 2>/dev/null") == 0)
-		GTEST_SKIP() << "this bridge filters VLANs; the full-kernel rig covers it";
-	EXPECT_EQ(count(prep, "RTNETLINK answers: "), 2u) << "the bridge's own two VLANs\n" << prep;
-	log = logged([&] {
-		EXPECT_LT(zalkv2_bridge_vlan(a, ZALK_RING_VLAN, 1, 1), 0);
-		EXPECT_LT(zalkv2_vlan_global_opt(br, ZALK_MGNT_VLAN, BRIDGE_VLANDB_GOPTS_MCAST_SNOOPING, 1), 0);
-		EXPECT_LT(zalkv2_vlan_set_msti(br), 0);
-		EXPECT_LT(zalkv2_set_mst_port_state(a, ZALK_MGNT_VLAN, PORT_BLOCKING), 0);
-	});
-	EXPECT_EQ(count(log, "RTNETLINK answers: "), 4u) << log;
-}
-
-// Every step runs, failed or not; teardown undoes them (what they leave
-// on the bridge: test_daemon.py).
+// Every step runs, failed or not, and the rest takes effect; teardown
+// undoes them (what they leave on the bridge: test_daemon.py).
 TEST_F(Bridge, PreparationReportsEachFailedStep)
 {
 	ring_instance(0, 5, RING_TYPE_FOCAL, "rA", "rB");
@@ -422,12 +336,14 @@ TEST_F(Bridge, PreparationReportsEachFailedStep)
 		EXPECT_TRUE(has(log, "System fail add port rB mac 03:4b:a1:01:05:03 loc 326")) << log;
 		EXPECT_FALSE(has(log, "Could not start command")) << log;
 	}
-	EXPECT_TRUE(has(show("tc qdisc show", "rB"), "clsact"));
+	// Port A's group entry is there: adding it again is refused, and the
+	// kernel's extended-ack explanation follows the report.
+	const uint8_t group[6] = {0x03, 0x4b, 0xa1, 0x01, 0x05, 0x04};
+	log = logged([&] { EXPECT_EQ(zalkv2_mdb_entry(idx("br0"), idx("rA"), group, ZALK_RING_VLAN, 1), -1); });
+	EXPECT_NE(log.find("Error: ", log.find("RTNETLINK answers: File exists\n")), std::string::npos) << log;
 	instances[0].enabled = 0;
 	log = logged([] { zalkv2_teardown_bridge_on_instance(0); });
 	EXPECT_TRUE(flower || has(log, "System fail del port rB mac 03:4b:a1:01:05:03 loc 326")) << log;
-	EXPECT_FALSE(has(show("tc qdisc show", "rB"), "clsact"));
-	EXPECT_EQ(tc_entry_find(TC_LOW_PRIO, 1, idx("rA"), "03:4b:a1:01:05:01"), nullptr);
 }
 
 // `tc` and `bridge` live in /usr/sbin and are found whatever PATH the
