@@ -115,7 +115,7 @@ TEST_F(BridgeOps, RefusalsUnconfiguredPortsAndDebugLines)
 	EXPECT_EQ(fake::argvs, (std::vector<Lines>{{"bridge", "fdb", "del", "ab:cd:ef:0a:0b:0c", "dev", "eth2", "master", "vlan", "4022"}}));
 }
 
-TEST_F(BridgeOps, AttributeBuilderAndMacQuery)
+TEST_F(BridgeOps, AttributeBuilderKeepsToTheBound)
 {
 	struct {
 		nlmsghdr n;
@@ -124,18 +124,8 @@ TEST_F(BridgeOps, AttributeBuilderAndMacQuery)
 	uint8_t data[40] = {};
 	EXPECT_EQ(addattr_l(&req.n, 75, 5, data, sizeof(data)), -1); // needs 76
 	EXPECT_EQ(errors(), Lines{"addattr_l ERROR: message exceeded bound of 75\n"});
-	EXPECT_EQ(addattr_l(&req.n, 76, 5, data, sizeof(data)) * 100 + req.n.nlmsg_len, 76u);
-
-	const uint8_t mac[6] = {0x02, 0xaa, 0xbb, 0xcc, 0xdd, 0x0e};
-	fake::add_iface("eth1", 11, mac);
-	uint8_t out[6] = {9, 9, 9, 9, 9, 9};
-	clear();
-	EXPECT_EQ(if_get_mac(11, out), -1); // socket not open
-	EXPECT_EQ(errors(), Lines{"Interface socket not initialized\n"});
-	netsock = 5;
-	fake::set_debug(ZALK_DBG);
-	EXPECT_EQ(if_get_mac(77, out) + if_get_mac(11, out), 0); // an interface gone is no failure
-	EXPECT_EQ(notices(), Lines{"if_get_mac() - eth1(11) mac: 02:aa:bb:cc:dd:0e\n"});
+	EXPECT_EQ(addattr_l(&req.n, 76, 5, data, sizeof(data)), 0);
+	EXPECT_EQ(req.n.nlmsg_len, 76u);
 }
 
 class Prepare : public Unit {
@@ -199,29 +189,6 @@ const Lines focal_teardown =
 	Lines{"tc qdisc del dev eth1 clsact", "tc qdisc del dev eth2 clsact", "vlan del 11 4021 master", "vlan del 12 4021 master",
 	      "vlan del 11 4022 master", "vlan del 12 4022 master", "bridge link set dev eth1 nobackup_port", "bridge link set dev eth2 nobackup_port"};
 
-TEST_F(Prepare, FocalPointAndMemberInOrder)
-{
-	make_ring(0, RING_TYPE_FOCAL, 5);
-	EXPECT_EQ(prepare(0), "");
-	EXPECT_EQ(seq, focal_prepare);
-	seq.clear();
-	EXPECT_EQ(zalkv2_bridge_enable_mgnt_vlan(0), 0);
-	EXPECT_EQ(seq, (Lines{"mst 11 4021 3", "mst 12 4021 3"}));
-
-	make_ring(2, RING_TYPE_MEMBER, 7, false); // a member without port B still sets the bridge options
-	seq.clear();
-	EXPECT_EQ(prepare(2), "");
-	EXPECT_EQ(seq, (Lines{"vlan add 31 4021 master", "gopt 2 vid 4021 3=1", "gopt 2 vid 4021 15=0", "vlan add 31 4022 master",
-			      "gopt 2 vid 4022 3=1", "gopt 2 vid 4022 15=0", "gopt 2 vid 4021 18=4021", "mst 31 4021 4",
-			      "tc qdisc add dev eth21 clsact",
-			      "tc filter add dev eth21 ingress protocol all prio 327 flower skip_hw dst_mac 03:4b:a1:01:07:01 action drop",
-			      "mdb add 2 2 03:4b:a1:01:07:01 4021", "mdb add 2 2 03:4b:a1:01:07:02 4021", "mdb add 2 2 03:4b:a1:01:07:03 4022",
-			      "mdb add 2 2 03:4b:a1:01:07:04 4022", "mdb add 2 31 03:4b:a1:01:07:02 4021", "mdb add 2 31 03:4b:a1:01:07:03 4022",
-			      "mdb add 2 31 03:4b:a1:01:07:04 4022", "bridge fdb del 02:00:00:00:02:01 dev eth21 master vlan 4021",
-			      "bridge fdb del 02:00:00:00:02:01 dev eth21 master vlan 4022"}));
-	EXPECT_TRUE(errors().empty());
-}
-
 TEST_F(Prepare, EveryStepRunsAfterFailures)
 {
 	make_ring(0, RING_TYPE_FOCAL, 5);
@@ -253,13 +220,16 @@ TEST_F(Prepare, EveryStepRunsAfterFailures)
 				   "zalkv2_prepare_bridge - Failed\n\n"}));
 }
 
-TEST_F(Prepare, TeardownKeepsBridgeVlansWhileUsedAndForeignQdiscs)
+TEST_F(Prepare, FocalPointInOrderTeardownKeepsBridgeVlansWhileUsedAndForeignQdiscs)
 {
 	make_ring(0, RING_TYPE_FOCAL, 5);
 	auto teardown = [&]() {
 		instances[0].enabled = 1;
 		tc_list_create();
+		seq.clear();
 		EXPECT_EQ(prepare(0), "");
+		EXPECT_EQ(seq, focal_prepare);
+		EXPECT_TRUE(errors().empty());
 		instances[0].enabled = 0;
 		seq.clear();
 		CaptureStderr();
@@ -274,6 +244,9 @@ TEST_F(Prepare, TeardownKeepsBridgeVlansWhileUsedAndForeignQdiscs)
 	EXPECT_EQ(teardown(), focal_teardown);
 	std::remove((fake::root() + "/var/run/zalkd.pid").c_str()); // the last ring: the bridge's own VLANs go first
 	EXPECT_EQ(teardown(), (Lines{"vlan del 2 4021 self", "vlan del 2 4022 self"} + focal_teardown));
+	seq.clear();
+	EXPECT_EQ(zalkv2_bridge_enable_mgnt_vlan(0), 0);
+	EXPECT_EQ(seq, (Lines{"mst 11 4021 3", "mst 12 4021 3"}));
 
 	// A clsact qdisc that was already there is not ours to remove; failed filter removals do not count.
 	cmd = [](const Lines &v) { return v[1] == "qdisc" ? 2 : 0; };
@@ -320,46 +293,20 @@ TEST_F(Prepare, ANameWithBlanksIsOneArgumentOfEveryCommand)
 	}
 }
 
-class Filters : public Unit {
-protected:
-	const uint8_t g1[6] = {3, 0x4b, 0xa1, 1, 5, 1}, g2[6] = {3, 0x4b, 0xa1, 1, 5, 2}, g3[6] = {3, 0x4b, 0xa1, 1, 5, 3};
-};
-TEST_F(Filters, PrioritiesAreReusedLowestFirstUntilTheTableIsFull)
-{
-	make_ring(0, RING_TYPE_FOCAL, 5);
-	for (auto g : {g1, g2, g3})
-		ASSERT_EQ(zalkv2_tc_mac_filter(1, 11, "all", g, 1, 1, 0), 0);
-	clear();
-	EXPECT_EQ(zalkv2_tc_mac_filter(1, 11, "all", g2, 0, 1, 0), 0);
-	EXPECT_EQ(fake::commands, Lines{"tc filter del dev eth1 ingress protocol all prio 322 flower skip_hw dst_mac 03:4b:a1:01:05:02 action drop"});
-	EXPECT_EQ(tc_entry_find(TC_LOW_PRIO, 1, 11, "03:4b:a1:01:05:02"), nullptr);
-	// The gap is filled first, then numbering continues after the highest.
-	EXPECT_EQ(tc_entry_add(TC_LOW_PRIO, 1, 12, "03:4b:a1:01:05:04"), 322);
-	EXPECT_EQ(tc_entry_add(TC_LOW_PRIO, 2, 11, "03:4b:a1:01:05:04"), 324);
-	EXPECT_EQ(tc_entry_del(TC_LOW_PRIO, 1, 11, "03:4b:a1:01:05:01") + tc_entry_del(TC_LOW_PRIO, 1, 11, "03:4b:a1:01:05:03"), 321 + 323);
-	for (int prio : {321, 323, 325})
-		EXPECT_EQ(tc_entry_add(TC_LOW_PRIO, 1, 13, std::to_string(prio).c_str()), prio);
-	tc_list_create(); // a fresh list starts over
-
-	EXPECT_EQ(tc_entry_find(TC_LOW_PRIO, 1, 13, "321"), nullptr);
-
-	// Ten rings, two ports each, three own filters and two for each of twenty other ring ids.
-	constexpr int capacity = 10 * 2 * (3 + 2 * 20);
-	char mac[32];
-	for (int i = 0; i < capacity; i++) {
-		snprintf(mac, sizeof(mac), "m%d", i);
-		ASSERT_EQ(tc_entry_add(TC_LOW_PRIO, 2, 11, mac), 321 + i);
-	}
-	clear();
-	EXPECT_EQ(tc_entry_add(TC_LOW_PRIO, 2, 11, "one more"), -1);
-	EXPECT_EQ(errors(), Lines{"Filter table full (860 entries), cannot add prio 1 id 2 ifdx:11 one more\n\n"});
-	EXPECT_EQ(tc_entry_del(TC_LOW_PRIO, 2, 11, "m500"), 821);
-	EXPECT_EQ(tc_entry_add(TC_LOW_PRIO, 2, 11, "one more"), 821);
-}
-
-TEST_F(Filters, UnconfiguredRingIdsAreBlockedOnEveryRingPort)
+TEST_F(BridgeOps, DropFilterPrioritiesAreReusedLowestFirstAndUnconfiguredRingIdsBlockedOnEveryRingPort)
 {
 	make_ring(0, RING_TYPE_FOCAL, 1);
+	const uint8_t g2[6] = {3, 0x4b, 0xa1, 1, 5, 2};
+	for (int k = 1; k <= 3; k++)
+		ASSERT_EQ(tc_entry_add(TC_LOW_PRIO, 1, 11, ("03:4b:a1:01:05:0" + std::to_string(k)).c_str()), 320 + k);
+	EXPECT_EQ(zalkv2_tc_mac_filter(1, 11, "all", g2, 0, 1, 0), 0);
+	EXPECT_EQ(fake::commands, Lines{"tc filter del dev eth1 ingress protocol all prio 322 flower skip_hw dst_mac 03:4b:a1:01:05:02 action drop"});
+	// The gap is filled first, then numbering continues after the highest; a fresh list starts over.
+	EXPECT_EQ(tc_entry_add(TC_LOW_PRIO, 1, 12, "x"), 322);
+	EXPECT_EQ(tc_entry_add(TC_LOW_PRIO, 2, 11, "x"), 324);
+	tc_list_create();
+	clear();
+
 	make_ring(3, RING_TYPE_MEMBER, 2, false);
 	make_ring(5, RING_TYPE_MEMBER, 4, false);
 	instances[5].enabled = 0; // a free slot blocks nothing and leaves ring 4 unconfigured
