@@ -1,7 +1,5 @@
 // Cost of the receive path per frame: from a received buffer to a posted
-// event (or a counted Ring frame), with the fake OS boundary and no debug
-// file, so each frame pays the three debug-level reads the gated lines
-// require and, for events, one write into the channel.
+// event (or a counted Ring frame) through the fake OS boundary.
 #include <benchmark/benchmark.h>
 
 #include "tests/fakes/fixture.h"

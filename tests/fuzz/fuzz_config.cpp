@@ -2,6 +2,8 @@
 // (rings set up on the fake bridge br0 and interfaces eth1 to eth4), their
 // first events handled, then torn down again by an empty file, as two
 // SIGHUPs would.
+#include <algorithm>
+
 #include "daemon/config.h"
 #include "daemon/configure.h"
 #include "tests/fuzz/harness.h"
@@ -21,22 +23,16 @@ void configure(const std::string &text, fuzz::Harness &h)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
 	static fuzz::Harness h;
-	static bool ready = [] {
-		const uint8_t br[6] = {2, 0, 0, 0, 1, 0};
-		fake::add_iface("br0", 2, br);
-		for (uint8_t i = 1; i <= 4; i++) {
+	[[maybe_unused]] static bool ready = [] {
+		for (uint8_t i = 0; i <= 4; i++) { // br0 (index 2), eth1 to eth4 (11 to 14)
 			const uint8_t mac[6] = {2, 0, 0, 0, 1, i};
-			fake::add_iface("eth" + std::to_string(i), 10 + i, mac);
+			fake::add_iface(i ? "eth" + std::to_string(i) : "br0", i ? 10 + i : 2, mac);
 		}
 		return true;
 	}();
-	(void)ready;
 	configure(std::string((const char *)data, size), h);
-	for (const zalkv2_instance &in : instances)
-		if (in.enabled) {
-			configure("", h);
-			break;
-		}
+	if (std::any_of(std::begin(instances), std::end(instances), [](const zalkv2_instance &in) { return in.enabled; }))
+		configure("", h);
 	fake::clear_records();
 	return 0;
 }

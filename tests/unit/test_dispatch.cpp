@@ -1,6 +1,5 @@
-// The event channel's refusals and limits; the dispatcher's checks,
-// refusals, traces and event-log pairing, and the flushes and edge
-// bookkeeping it drives.
+// The dispatcher's checks, refusals, traces and event-log pairing, and
+// the flushes and edge bookkeeping it drives.
 #include <fcntl.h>
 #include <unistd.h>
 
