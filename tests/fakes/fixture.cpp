@@ -218,6 +218,16 @@ void Unit::quiesce()
 	posted();
 }
 
+void Unit::reset_ring_logic()
+{
+	memset(miss_count, 0, sizeof(miss_count));
+	memset(hit_count, 0, sizeof(hit_count));
+	memset(response_ticks, 0, sizeof(response_ticks));
+	focal_timers_init();
+	member_timer_init();
+	zalkv2_hello_timers_init();
+}
+
 void Unit::SetUp()
 {
 	quiesce();
@@ -225,12 +235,7 @@ void Unit::SetUp()
 	memset(instances, 0, sizeof(instances));
 	for (auto &in : instances)
 		in.port[0].ifindex = in.port[1].ifindex = -1;
-	memset(miss_count, 0, sizeof(miss_count));
-	memset(hit_count, 0, sizeof(hit_count));
-	memset(response_ticks, 0, sizeof(response_ticks));
-	focal_timers_init();
-	member_timer_init();
-	zalkv2_hello_timers_init();
+	reset_ring_logic();
 	msg_bus_setup();
 	tc_list_create();
 	netsock = 0;

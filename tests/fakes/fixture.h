@@ -76,6 +76,7 @@ protected:
 	void SetUp() override;
 	void TearDown() override { quiesce(); }
 	void quiesce();
+	void reset_ring_logic(); // the ring logic's counters and timers as at start
 
 	void links(int ins, int a, int b)
 	{

@@ -11,6 +11,7 @@ struct Harness : fx::Unit {
 	void TestBody() override {}
 	using fx::Unit::SetUp;
 	using fx::Unit::quiesce;
+	using fx::Unit::reset_ring_logic;
 	Harness() { SetUp(); }
 	// Runs the dispatcher over everything posted. A record it refuses as
 	// malformed (instance out of range or not enabled, unknown event) can
@@ -43,12 +44,7 @@ inline Harness &ring_for(uint8_t pick)
 	h.quiesce();
 	fake::clear_records();
 	memcpy(instances, made[r], sizeof(instances));
-	memset(miss_count, 0, sizeof(miss_count));
-	memset(hit_count, 0, sizeof(hit_count));
-	memset(response_ticks, 0, sizeof(response_ticks));
-	focal_timers_init();
-	member_timer_init();
-	zalkv2_hello_timers_init();
+	h.reset_ring_logic();
 	zalkv2_build_frames(0);
 	return h;
 }
