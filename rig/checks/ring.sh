@@ -69,13 +69,14 @@ for s in s1 s2 s3; do
 	[ $s = s1 ] && role=focal
 	# The long response delay keeps the members' returning ports blocked
 	# long enough after a heal to look at them before the focal point
-	# answers.
+	# answers: the checks of the held state take several seconds under
+	# emulation, twice that on a busy host.
 	cat > /etc/rig-$s.conf <<EOF
 zalk ring3 {
 	ring-id = 3
 	ring-role = "$role"
 	ring-interval = 200
-	response-delay = 6000
+	response-delay = 15000
 	port a { name = "ra"
 		hello-time = 200 }
 	port b { name = "rb"
@@ -132,11 +133,16 @@ blocked() { states | awk '$3 != "forwarding" { printf "%s.%s ", $1, $2 }'; }
 closed() { [ "$(blocked)" = "s1.ra " ]; }
 # observe VID COUNT: sends COUNT frames in VID out of s3.rb into s1.ra and
 # prints what reaches the observer: the count, then each frame's VID.
+# The counts end a moment after the last frame is sent, not after a fixed
+# window: under emulation a send alone can take a second.
 observe() {
-	"$RIGCTL" count ho $OBS 1500 > /tmp/observed &
+	"$RIGCTL" count ho $OBS 30000 > /tmp/observed &
+	_c=$!
 	sleep 0.3
 	ip netns exec s3 "$RIGCTL" send rb $OBS "$1" "$2"
-	wait $!
+	sleep 0.3
+	kill -TERM $_c
+	wait $_c
 	cat /tmp/observed
 }
 # crossing: what crosses the link s3.ra -> s2.rb in VLANs 10 and 4021,
@@ -147,15 +153,17 @@ observe() {
 #   INGRESS: D2 sent straight out of s3.ra enters s2's bridge by s2.rb
 #     and reaches s2.ho (static entry).
 crossing() {
-	ip netns exec s2 "$RIGCTL" count rb $D1 1500 > /tmp/cross-egress &
+	ip netns exec s2 "$RIGCTL" count rb $D1 30000 > /tmp/cross-egress &
 	_c1=$!
-	ip netns exec s2 "$RIGCTL" count ho $D2 1500 > /tmp/cross-ingress &
+	ip netns exec s2 "$RIGCTL" count ho $D2 30000 > /tmp/cross-ingress &
 	_c2=$!
 	sleep 0.5
 	for v in 10 4021; do
 		"$RIGCTL" send ra $D1 $v 3
 		ip netns exec s3 "$RIGCTL" send ra $D2 $v 3
 	done
+	sleep 0.3
+	kill -TERM $_c1 $_c2
 	wait $_c1 $_c2
 	echo "$(cat /tmp/cross-egress) / $(cat /tmp/cross-ingress)"
 }
@@ -262,7 +270,7 @@ same "heal: s1.ra was still open all along those checks (the focal point had not
 
 # The focal point blocks s1.ra; its answer does not get out: the
 # returning ports stay blocked.
-wait_for 20 sh -c '[ "$(bridge link show dev ra | grep -o "state [a-z]*")" = "state blocking" ]'
+wait_for 40 sh -c '[ "$(bridge link show dev ra | grep -o "state [a-z]*")" = "state blocking" ]'
 sleep 1.5
 same "heal: s1.ra blocked, its answer held back: s2.rb and s3.ra still blocked" \
 	"blocking / disabled 0 DISABLED / disabled 0 DISABLED" \
