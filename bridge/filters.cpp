@@ -67,14 +67,16 @@ struct batch_group {
 	const char *summary; // logged when a command of the group failed
 	bool failed;         // set before the run by a command that was not given
 };
-// The most a reconfiguration gives: every ring id but one blocked on
-// every port of ten rings, and the three version-0 filters per port.
-constexpr int BATCH_MAX_LINES = ZALK_MAX_INSTANCES * 2 * (2 * TC_MAX_RING_ID + 3);
-constexpr int BATCH_MAX_GROUPS = TC_MAX_RING_ID + 1;
+// The most a reconfiguration gives, twice (removal and installation in
+// one batch): every ring id but one blocked on every port of ten rings,
+// and the three version-0 filters per port.
+constexpr int BATCH_MAX_LINES = 2 * ZALK_MAX_INSTANCES * 2 * (2 * TC_MAX_RING_ID + 3);
+constexpr int BATCH_MAX_GROUPS = 2 * (TC_MAX_RING_ID + 1);
 constexpr size_t BATCH_LINE_MAX = 160;
 
 struct tc_batch {
 	bool active;
+	bool ran_alone; // a command that could not join the batch ran at once
 	int lines;
 	int groups;
 	size_t len;
@@ -122,6 +124,7 @@ bool batch_safe(const char *dev) { return !strpbrk(dev, " \t\n\"'\\#"); }
 void batch_begin()
 {
 	batch.active = true;
+	batch.ran_alone = false;
 	names_used = 0;
 	batch.lines = 0;
 	batch.groups = 0;
@@ -290,6 +293,8 @@ int zalkv2_tc_write_filter(const char *dev, const char *action, const char *prot
 		zlog(LOG_NOTICE, "%s() - %s\n\n", "zalkv2_tc_write_filter", cmd.text());
 	if (batch_add(cmd.text() + 3, action, dev, mac, prio))
 		return 0; // its failure is reported when the batch has run
+	if (batch.active)
+		batch.ran_alone = true;
 	if (cmd.run()) {
 		report_failure(action, dev, mac, prio);
 		return 1;
@@ -428,5 +433,24 @@ void zalkv2_set_drop_filters(int add)
 	batch_begin();
 	zalkv2_block_unconfigured_rings(add);
 	zalkv2_block_v0_macs(add);
+	batch_run();
+}
+
+void zalkv2_refresh_drop_filters()
+{
+	batch_begin();
+	const unsigned logged = zlog_lines();
+	zalkv2_block_unconfigured_rings(0);
+	zalkv2_block_v0_macs(0);
+	// The installation joins the removal's tc process only while the
+	// removal has neither said nor run anything yet: its reports then
+	// come out in the same order, and its commands reach the kernel in
+	// the same order, as from two processes, one tc start-up sooner.
+	if (batch.ran_alone || zlog_lines() != logged) {
+		batch_run();
+		batch_begin();
+	}
+	zalkv2_block_unconfigured_rings(1);
+	zalkv2_block_v0_macs(1);
 	batch_run();
 }

@@ -210,7 +210,46 @@ void quiesce(struct ev_loop *loop)
 		focal_ring_timer_stop(i, loop);
 		zalkv2_hello_stop(i, loop);
 	}
+}
+
+// True when the file holds exactly the rings that run, each unchanged.
+bool nothing_changes(cfg_t *cfg)
+{
+	for (const zalkv2_instance &in : instances)
+		if (in.enabled && !ring_in_file(cfg, in.ring_id))
+			return false;
+	unsigned n = cfg_size(cfg, "zalk");
+	for (unsigned c = 0; c < n; c++) {
+		cfg_t *ring_sec = cfg_getnsec(cfg, "zalk", c);
+		int ins = zalkv2_find_instance((int32_t)cfg_getint(ring_sec, "ring-id"));
+		if (ins == -1 || !section_unchanged(ins, ring_sec))
+			return false;
+	}
+	return true;
+}
+
+// Rings gone from the file are torn down, changed ones set up again and
+// new ones set up, between the removal of the drop filters and their
+// installation.
+void apply_changes(cfg_t *cfg, struct ev_loop *loop)
+{
 	zalkv2_set_drop_filters(0);
+	for (int i = 0; i < ZALK_MAX_INSTANCES; i++)
+		if (instances[i].enabled && !ring_in_file(cfg, instances[i].ring_id))
+			zalkv2_teardown_instance(i, loop);
+
+	unsigned n = cfg_size(cfg, "zalk");
+	for (unsigned c = 0; c < n; c++) {
+		cfg_t *ring_sec = cfg_getnsec(cfg, "zalk", c);
+		int ins = zalkv2_find_instance((int32_t)cfg_getint(ring_sec, "ring-id"));
+		if (ins != -1 && section_unchanged(ins, ring_sec))
+			continue;
+		if (ins != -1)
+			zalkv2_teardown_instance(ins, loop);
+		if (!setup_instance(ring_sec, (int)c))
+			section_failed((int)c);
+	}
+	zalkv2_set_drop_filters(1);
 }
 
 void resume(struct ev_loop *loop)
@@ -265,24 +304,10 @@ void zalkv2_configure_instances(struct ev_loop *loop)
 	zalk_status_batch status_at_the_end;
 
 	quiesce(loop);
-
-	for (int i = 0; i < ZALK_MAX_INSTANCES; i++)
-		if (instances[i].enabled && !ring_in_file(cfg, instances[i].ring_id))
-			zalkv2_teardown_instance(i, loop);
-
-	unsigned n = cfg_size(cfg, "zalk");
-	for (unsigned c = 0; c < n; c++) {
-		cfg_t *ring_sec = cfg_getnsec(cfg, "zalk", c);
-		int ins = zalkv2_find_instance((int32_t)cfg_getint(ring_sec, "ring-id"));
-		if (ins != -1 && section_unchanged(ins, ring_sec))
-			continue;
-		if (ins != -1)
-			zalkv2_teardown_instance(ins, loop);
-		if (!setup_instance(ring_sec, (int)c))
-			section_failed((int)c);
-	}
-
-	zalkv2_set_drop_filters(1);
+	if (nothing_changes(cfg))
+		zalkv2_refresh_drop_filters(); // nothing else reaches the kernel
+	else
+		apply_changes(cfg, loop);
 	cfg_free(cfg);
 	resume(loop);
 }

@@ -12,3 +12,4 @@ int zalkv2_alloc_instance(int ring_id);
 int zalkv2_port_config_changed(int ins, int p, cfg_t *ring_sec);
 void zalkv2_configure_port(int ins, int p, cfg_t *ring_sec);
 void zalkv2_set_drop_filters(int add);
+void zalkv2_refresh_drop_filters();

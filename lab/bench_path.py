@@ -19,6 +19,12 @@ s3's end, so s2 loses carrier while its own port stays up, and healed,
             acknowledges the request that makes its returning port B
             forward
 
+and the daemons' own shares (member_daemon, focal_daemon,
+returning_daemon): from the daemon's first wake-up after the path's
+start (the link notification, the frame) to its end. The rest of a path
+is the kernel's, or the time the daemon waited for a processor: in this
+lab four real-time daemons share two.
+
 Time stamps: carrier loss is the linkwatch work the kernel queues when
 the peer's close drops the carrier (ftrace workqueue_queue_work); frames
 carry the kernel's receive or transmit stamp of a packet socket on the
@@ -260,6 +266,9 @@ def us(a, b):
 
 # -- the four paths ---------------------------------------------------------
 
+PATHS = ('member', 'member_daemon', 'focal', 'focal_daemon', 'hold', 'returning', 'returning_daemon')
+
+
 def bench_paths(daemon, reps):
 	lab = zlab.Lab(daemon=daemon)
 	lab.up(zlab.make_ring(4, blocked='A', hello=0, ring_interval=200, response_delay=100))
@@ -273,8 +282,18 @@ def bench_paths(daemon, reps):
 	caps = dict(s1a=capture(lab.ns('s1'), 'zl1a'), s1b=capture(lab.ns('s1'), 'zl1b'),
 		    s2a=capture(lab.ns('s2'), 'zl1a'))
 	trace_setup([s1, s2])
-	res = dict(member=[], member_daemon=[], focal=[], hold=[], returning=[])
-	miss = dict(member=0, member_daemon=0, focal=0, hold=0, returning=0)
+	res = {k: [] for k in PATHS}
+	miss = {k: 0 for k in PATHS}
+
+	def own(path, calls, t0, t1):
+		"""The daemon's own share of a path that starts with a frame: from
+		the loop's first wake-up after the frame arrived to the end."""
+		wake = [x for _, x, nr, _ in calls if nr in EPOLL_WAITS and t0 < x < t1]
+		if wake:
+			res[path + '_daemon'].append(us(wake[0], t1))
+		else:
+			miss[path + '_daemon'] += 1
+
 	try:
 		for rep in range(reps):
 			off = mono_minus_real()
@@ -304,9 +323,11 @@ def bench_paths(daemon, reps):
 					dump('member', ev, s2, wake[-2], down_b[0])
 			else:
 				miss['member'] += 1
-			acks = acks_after(syscalls(ev, s1), fd1, down_any[0]) if down_any else []
+			c1 = syscalls(ev, s1)
+			acks = acks_after(c1, fd1, down_any[0]) if down_any else []
 			if len(acks) >= 2:
 				res['focal'].append(us(down_any[0], acks[1]))
+				own('focal', c1, down_any[0], acks[1])
 				dump('focal', ev, s1, down_any[0], acks[1])
 			else:
 				miss['focal'] += 1
@@ -328,6 +349,7 @@ def bench_paths(daemon, reps):
 			acks = acks_after(syscalls(ev, s2), fd2, named[0]) if named else []
 			if acks:
 				res['returning'].append(us(named[0], acks[0]))
+				own('returning', syscalls(ev, s2), named[0], acks[0])
 				dump('returning', ev, s2, named[0], acks[0])
 			else:
 				miss['returning'] += 1
@@ -365,6 +387,16 @@ def bench_sighup(lab, s, reps):
 					import collections
 					cnt = collections.Counter(NAMES.get(c[2], c[2]) for c in calls if c[0] > woke[0][1])
 					print('  %d calls in all: %s' % (sum(cnt.values()), cnt.most_common(12)))
+					# where the reload's time goes: each command from its
+					# spawn to its reaping, and everything else
+					t0, spans = woke[0][1], []
+					for c in calls:
+						if c[2] in (56, 58, 435) and c[0] > t0:
+							w = [x for x in calls if x[2] == 61 and x[0] > c[0]]
+							if w:
+								spans.append((round((c[0] - t0) * 1e3, 2), round((w[0][1] - c[0]) * 1e3, 2)))
+					print('  commands (start ms, ms until reaped): %s; the rest %.2f ms' %
+					      (spans, got - sum(d for _, d in spans)))
 			time.sleep(0.1)
 	finally:
 		trace_teardown()

@@ -79,8 +79,15 @@ unsigned zalk_debug_level()
 	return watch.level;
 }
 
+namespace {
+unsigned lines_logged;
+}
+
+unsigned zlog_lines() { return lines_logged; }
+
 void zlog(int prio, const char *fmt, ...)
 {
+	lines_logged++;
 	char line[1024];
 	va_list ap;
 	va_start(ap, fmt);

@@ -25,6 +25,8 @@ inline bool zalk_debug(unsigned bit) { return (zalk_debug_level() & bit) != 0; }
 
 // One syslog line, formatted with printf rules and sent as is.
 void zlog(int prio, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+// How many lines zlog has sent so far (wraps).
+unsigned zlog_lines();
 
 // Event log: with bit EVENTLOG set, appends to /tmp/zalk.log the prefix
 // "%ld.%.3ld %s() - " (seconds modulo 1000, milliseconds, func) followed

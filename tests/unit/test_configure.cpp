@@ -148,6 +148,7 @@ TEST_F(Configure, AReloadRestartsOnlyTheRingsWhoseComparedValuesChanged)
 	EXPECT_EQ(instances[0].ring_state * 10 + instances[1].ring_state, RING_OK_NET_FOCAL * 10u + OK_NET_MEMBER);
 	EXPECT_TRUE(fake::netlink.empty()) << "no bridge request for an unchanged ring";
 	ASSERT_FALSE(fake::commands.empty()) << "the drop filters are removed and installed again";
+	EXPECT_EQ(fake::batches.size(), 1u) << "by one tc process";
 	for (auto &c : fake::commands)
 		EXPECT_EQ(c.rfind("tc filter ", 0), 0u) << c;
 	EXPECT_TRUE(ev_is_active(&instances[0].port[1].hello_timer) && ev_is_active(&instances[0].ring_timer) && ev_is_active(&instances[1].port[0].rx_watcher));

@@ -2,7 +2,8 @@
 // file however the file changes; the status files hold their texts after
 // every event although they are written after its frames; the drop
 // filters of a reconfiguration step run as one tc batch whose failures
-// read as when each command ran alone.
+// read as when each command ran alone, and those of an unchanged
+// reconfiguration's two steps as one when the steps' reports allow it.
 #include <filesystem>
 #include <fstream>
 
@@ -91,6 +92,20 @@ TEST_F(EventWork, DropFiltersRunAsOneBatchWithFailuresReportedAsAlone)
 	EXPECT_EQ(alone, (Lines{"System fail add port eth1 mac 03:4b:a1:01:01:02 loc 322\n\n",
 				"Could not block mac addresses for unconfigured ring id\n\n",
 				"System fail add port eth11 mac 01:00:5e:05:0a:09 loc 301\n\n", "Block zalkv0 macs failed\n\n"}));
+
+	// Removal and installation in one process read as the two steps did.
+	clear();
+	zalkv2_set_drop_filters(0);
+	zalkv2_set_drop_filters(1);
+	const Lines two_errors = errors(), two_commands = fake::commands;
+	for (bool debug : {false, true}) {
+		put(fake::root() + "/var/run/zalkv2/debug", debug ? "2" : "0");
+		clear();
+		zalkv2_refresh_drop_filters();
+		EXPECT_EQ(fake::batches.size(), debug ? 2u : 1u) << "a removal that said something runs alone";
+		EXPECT_EQ(fake::commands, two_commands);
+		EXPECT_EQ(errors(), two_errors);
+	}
 }
 
 } // namespace
