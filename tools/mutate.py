@@ -329,7 +329,8 @@ def main():
     ap.add_argument("--rev", help="mutate this commit's tree instead of the working tree")
     ap.add_argument("--stop-after", type=int, default=0, help="run only the first N mutants of the run order")
     ap.add_argument("--list", action="store_true", help="list the sampled mutants and stop")
-    ap.add_argument("--only", help="run the mutants whose file:line contains this text")
+    ap.add_argument("--only", help="run the mutants whose file:line contains this text "
+                    "(several texts: comma-separated, any of them)")
     ap.add_argument("--json", help="write every result to this file")
     a = ap.parse_args()
 
@@ -344,7 +345,7 @@ def main():
     cands = candidates(src)
     picked = sample(cands, a.sample, a.seed)
     if a.only:
-        picked = [m for m in picked if a.only in f"{m['file']}:{m['line']}"]
+        picked = [m for m in picked if any(o in f"{m['file']}:{m['line']}" for o in a.only.split(","))]
     # Run in a seeded shuffled order: a run stopped early (--stop-after)
     # has still tried every directory, and two runs stopped at the same
     # count have tried the same mutants.
