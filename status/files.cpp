@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <fcntl.h>
 #include <unistd.h>
 #include <dirent.h>
@@ -21,23 +22,19 @@ namespace {
 
 constexpr size_t STATUS_PATH_MAX = 160;
 
-// A directory descriptor that closes itself.
-class dir_fd {
+// A descriptor that closes itself.
+class owned_fd {
 public:
-	dir_fd() = default;
-	dir_fd(const dir_fd &) = delete;
-	dir_fd &operator=(const dir_fd &) = delete;
-	~dir_fd() { reset(); }
-	void open_path(const char *path)
-	{
-		reset();
-		fd_ = open(path, O_PATH | O_DIRECTORY | O_CLOEXEC);
-	}
-	void reset()
+	owned_fd() = default;
+	owned_fd(const owned_fd &) = delete;
+	owned_fd &operator=(const owned_fd &) = delete;
+	~owned_fd() { reset(); }
+	void open_dir(const char *path) { reset(open(path, O_PATH | O_DIRECTORY | O_CLOEXEC)); }
+	void reset(int fd = -1)
 	{
 		if (fd_ >= 0)
 			close(fd_);
-		fd_ = -1;
+		fd_ = fd;
 	}
 	int get() const { return fd_; }
 
@@ -49,10 +46,44 @@ private:
 // a rewrite names its file relative to them instead of walking the whole
 // path for every file of every update.
 struct status_dirs {
-	dir_fd instance;
-	dir_fd port[2];
+	owned_fd instance;
+	owned_fd port[2];
 };
 status_dirs dirs[ZALK_MAX_INSTANCES];
+
+// The files of a ring state change stay open from their first write, and
+// each keeps the text it got then. The daemon is the tree's only writer,
+// so a file whose new text equals the last one already holds it: a state
+// change then writes only what changed (typically the state, the counter
+// and one port's files rather than nine), each with a truncation and a
+// write on the open file instead of a path lookup, an open and a close.
+// A file removed behind our back is made anew at its next change. Set-up
+// (of a new ring, or again for the status report) and removal close an
+// instance's files and forget their texts, so the first update after a
+// set-up writes every file.
+struct status_file {
+	owned_fd fd;
+	char text[24];
+	bool known;
+	void forget()
+	{
+		fd.reset();
+		known = false;
+	}
+};
+struct ring_texts {
+	status_file state, tc_count, tc_jiffies;
+	status_file port[2][3]; // link, logical_state, physical_state
+	void forget()
+	{
+		for (status_file *f : {&state, &tc_count, &tc_jiffies})
+			f->forget();
+		for (auto &files : port)
+			for (status_file &f : files)
+				f.forget();
+	}
+};
+ring_texts last_written[ZALK_MAX_INSTANCES];
 
 // Ring state changes whose files are still to be written, and how many
 // batches are open (see zalk_status_batch).
@@ -99,7 +130,64 @@ int make_dir(const char *path)
 // Status numbers are the sign-extended 32-bit fields.
 long as_number(uint32_t v) { return (long)(int32_t)v; }
 
-int write_status_file(const char *dir, int dirfd, const char *name, const char *text);
+// Files are rewritten in place, not renamed into place: each holds one
+// short value written with one call, so a reader that meets the moment of
+// truncation sees an empty file and simply reads again, and no temporary
+// file is ever left behind in the tree. Writes go without stdio's buffer
+// and status call.
+//
+// With the directory open (dirfd not -1) the file is opened relative to
+// it; should that fail (the directory was replaced behind our back), the
+// full path is tried as before. Logs and returns -1 when neither opens.
+int open_status_file(const char *dir, int dirfd, const char *name)
+{
+	constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+	int fd = dirfd >= 0 ? openat(dirfd, name, flags, 0666) : -1;
+	if (fd < 0) {
+		char path[STATUS_PATH_MAX + 32]; // a directory path and a short file name
+		snprintf(path, sizeof(path), "%s/%s", dir, name);
+		fd = open(path, flags, 0666);
+		if (fd < 0)
+			zlog(LOG_ERR, "ERROR: %s Could not create file %s\n", strerror(errno), path);
+	}
+	return fd;
+}
+
+// The text, at the start of an open and empty file.
+int put_text(int fd, const char *dir, const char *name, const char *text)
+{
+	const size_t len = strlen(text);
+	const ssize_t n = pwrite(fd, text, len, 0);
+	if (n == (ssize_t)len)
+		return 0;
+	char path[STATUS_PATH_MAX + 32];
+	snprintf(path, sizeof(path), "%s/%s", dir, name);
+	zlog(LOG_ERR, "ERROR: %s Could not create file %s\n", strerror(n < 0 ? errno : EIO), path);
+	return -1;
+}
+
+int write_status_file(const char *dir, int dirfd, const char *name, const char *text)
+{
+	const int fd = open_status_file(dir, dirfd, name);
+	if (fd < 0)
+		return -1;
+	const int ret = put_text(fd, dir, name, text);
+	close(fd);
+	return ret;
+}
+
+// A kept file emptied and written again; opened where it is not open yet
+// or no longer in the tree.
+int rewrite_kept(const char *dir, int dirfd, const char *name, const char *text, status_file &f)
+{
+	struct stat st;
+	const int kept = f.fd.get();
+	if (kept >= 0 && (fstat(kept, &st) != 0 || st.st_nlink == 0 || ftruncate(kept, 0) != 0))
+		f.fd.reset();
+	if (f.fd.get() < 0)
+		f.fd.reset(open_status_file(dir, dirfd, name));
+	return f.fd.get() < 0 ? -1 : put_text(f.fd.get(), dir, name, text);
+}
 
 int write_number_at(const char *dir, int dirfd, const char *name, long number)
 {
@@ -108,10 +196,28 @@ int write_number_at(const char *dir, int dirfd, const char *name, long number)
 	return write_status_file(dir, dirfd, name, text);
 }
 
-void write_topology_files(const zalkv2_instance &in, const char *dir, int dirfd)
+// Writes the file unless it holds the text already.
+void write_changed(const char *dir, int dirfd, const char *name, const char *text, status_file &f)
 {
-	write_number_at(dir, dirfd, "tc_count", as_number(in.tc_count));
-	write_number_at(dir, dirfd, "tc_jiffies", os_uptime());
+	if (f.known && strcmp(f.text, text) == 0)
+		return;
+	f.known = rewrite_kept(dir, dirfd, name, text, f) == 0 && strlen(text) < sizeof(f.text);
+	if (f.known)
+		strcpy(f.text, text);
+}
+
+void write_changed_number(const char *dir, int dirfd, const char *name, long number, status_file &last)
+{
+	char text[24];
+	snprintf(text, sizeof(text), "%ld", number);
+	write_changed(dir, dirfd, name, text, last);
+}
+
+void write_topology_files(int ins, const char *dir, int dirfd)
+{
+	ring_texts &last = last_written[ins];
+	write_changed_number(dir, dirfd, "tc_count", as_number(instances[ins].tc_count), last.tc_count);
+	write_changed_number(dir, dirfd, "tc_jiffies", os_uptime(), last.tc_jiffies);
 }
 
 void write_port_state_files(int ins, int port)
@@ -123,9 +229,10 @@ void write_port_state_files(int ins, int port)
 	char dir[STATUS_PATH_MAX];
 	port_dir(dir, in, p);
 	int fd = dirs[ins].port[port].get();
-	write_number_at(dir, fd, "link", as_number(p.link));
-	write_status_file(dir, fd, "logical_state", zalk_logical_state_name(zalk_port_logical_state(ins, port)));
-	write_status_file(dir, fd, "physical_state", zalk_port_state_name(p.state));
+	status_file(&last)[3] = last_written[ins].port[port];
+	write_changed_number(dir, fd, "link", as_number(p.link), last[0]);
+	write_changed(dir, fd, "logical_state", zalk_logical_state_name(zalk_port_logical_state(ins, port)), last[1]);
+	write_changed(dir, fd, "physical_state", zalk_port_state_name(p.state), last[2]);
 }
 
 // The files of a ring state change: state, the topology counter and both
@@ -136,44 +243,10 @@ void write_ring_state_files(int ins)
 	char dir[STATUS_PATH_MAX];
 	instance_dir(dir, in);
 	int fd = dirs[ins].instance.get();
-	write_status_file(dir, fd, "state", zalk_ring_state_name(in.ring_state, false));
-	write_topology_files(in, dir, fd);
+	write_changed(dir, fd, "state", zalk_ring_state_name(in.ring_state, false), last_written[ins].state);
+	write_topology_files(ins, dir, fd);
 	for (int port = PORT_A; port <= PORT_B; port++)
 		write_port_state_files(ins, port);
-}
-
-// Files are rewritten in place, not renamed into place: each holds one
-// short value written with one call, so a reader that meets the moment of
-// truncation sees an empty file and simply reads again, and no temporary
-// file is ever left behind in the tree. A ring state change writes a dozen
-// of them before the focal point's answer leaves, so each is one open, one
-// write and one close, without stdio's buffer and status call.
-//
-// With the directory open (dirfd not -1) the file is opened relative to
-// it; should that fail (the directory was replaced behind our back), the
-// full path is tried as before.
-int write_status_file(const char *dir, int dirfd, const char *name, const char *text)
-{
-	constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
-	char path[STATUS_PATH_MAX + 32]; // a directory path and a short file name
-	int fd = dirfd >= 0 ? openat(dirfd, name, flags, 0666) : -1;
-	if (fd < 0) {
-		snprintf(path, sizeof(path), "%s/%s", dir, name);
-		fd = open(path, flags, 0666);
-	}
-	if (fd < 0) {
-		zlog(LOG_ERR, "ERROR: %s Could not create file %s\n", strerror(errno), path);
-		return -1;
-	}
-	ssize_t len = (ssize_t)strlen(text);
-	ssize_t n = write(fd, text, (size_t)len);
-	close(fd);
-	if (n != len) {
-		snprintf(path, sizeof(path), "%s/%s", dir, name);
-		zlog(LOG_ERR, "ERROR: %s Could not create file %s\n", strerror(n < 0 ? errno : EIO), path);
-		return -1;
-	}
-	return 0;
 }
 
 } // namespace
@@ -238,6 +311,7 @@ int zalk_status_setup(int ins)
 {
 	zalkv2_instance &in = instances[ins];
 	status_dirs &open_dirs = dirs[ins];
+	last_written[ins].forget();
 	open_dirs.instance.reset();
 	open_dirs.port[0].reset();
 	open_dirs.port[1].reset();
@@ -246,7 +320,7 @@ int zalk_status_setup(int ins)
 		return 1;
 	if (make_dir(instance_dir(dir, in)))
 		return 1;
-	open_dirs.instance.open_path(dir);
+	open_dirs.instance.open_dir(dir);
 	const int fd = open_dirs.instance.get();
 
 	if (in.role == RING_TYPE_FOCAL) {
@@ -259,7 +333,7 @@ int zalk_status_setup(int ins)
 	}
 	write_number_at(dir, fd, "ring-id", in.ring_id);
 	in.tc_count = 0;
-	write_topology_files(in, dir, fd);
+	write_topology_files(ins, dir, fd);
 
 	for (int port = PORT_A; port <= PORT_B; port++) {
 		const zalkv2_port &p = in.port[port];
@@ -268,7 +342,7 @@ int zalk_status_setup(int ins)
 		char pdir[STATUS_PATH_MAX];
 		if (make_dir(port_dir(pdir, in, p)))
 			continue;
-		open_dirs.port[port].open_path(pdir);
+		open_dirs.port[port].open_dir(pdir);
 		const int pfd = open_dirs.port[port].get();
 		write_number_at(pdir, pfd, "hello_time", as_number(p.hello_time_ms));
 		write_status_file(pdir, pfd, "hello_ena", p.hello_enable ? "yes" : "no");
@@ -299,6 +373,7 @@ void zalk_remove_status(int ins)
 {
 	// nothing is written into a removed tree
 	status_due[ins] = port_due[ins][0] = port_due[ins][1] = false;
+	last_written[ins].forget();
 	dirs[ins].instance.reset();
 	dirs[ins].port[0].reset();
 	dirs[ins].port[1].reset();

@@ -11,6 +11,8 @@
 #include "daemon/util.h"
 
 #include <cerrno>
+#include <csignal>
+#include <fcntl.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
@@ -28,16 +30,37 @@ unsigned read_debug_file()
 // The level as last read, and the kernel's word on whether the file may
 // have changed since: the directory (for the file appearing, going or
 // being replaced) and the file itself (written through a link too) are
-// watched with inotify. The kernel queues a change before the writer's
-// write returns, so a change still takes effect at the next gated log
-// point; the file is only read again when something was queued.
+// watched with inotify, and the inotify descriptor raises SIGIO when it
+// gets an event. The kernel queues the event and signals us before the
+// writer's write returns (interrupting us where we run on another
+// processor), so a change still takes effect at the next gated log point;
+// while nothing changed, a log point costs no system call at all. Where the signal cannot be had, the descriptor is read
+// (non-blocking) at every log point instead.
 struct debug_watch {
 	int fd = -1;           // inotify, non-blocking; -1: not made yet
 	bool failed = false;   // no inotify here: read the file every time
+	bool signalled = false; // SIGIO reports the descriptor's events
 	bool current = false;  // level holds the file's value
 	unsigned level = 0;
 };
 debug_watch watch;
+volatile sig_atomic_t debug_file_changed;
+
+void on_debug_file_change(int) { debug_file_changed = 1; }
+
+// SIGIO for the inotify descriptor; SA_RESTART so that no system call of
+// the daemon ever sees EINTR because of it.
+bool signal_on_change(int fd)
+{
+	struct sigaction sa = {};
+	sa.sa_handler = on_debug_file_change;
+	sa.sa_flags = SA_RESTART;
+	sigemptyset(&sa.sa_mask);
+	if (sigaction(SIGIO, &sa, nullptr) < 0 || fcntl(fd, F_SETOWN, getpid()) < 0)
+		return false;
+	int fl = fcntl(fd, F_GETFL);
+	return fl >= 0 && fcntl(fd, F_SETFL, fl | O_ASYNC) == 0;
+}
 
 constexpr uint32_t DIR_EVENTS = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_FROM |
 				IN_MOVED_TO | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
@@ -53,6 +76,22 @@ bool changes_queued()
 	return any;
 }
 
+// True when the file may have changed since the level was read.
+bool level_stale()
+{
+	if (!watch.current)
+		return true;
+	if (!watch.signalled)
+		return changes_queued();
+	if (!debug_file_changed)
+		return false;
+	// Cleared before the queue is emptied: a change from here on raises
+	// the flag again and is read at the next log point.
+	debug_file_changed = 0;
+	changes_queued();
+	return true;
+}
+
 } // namespace
 
 unsigned zalk_debug_level()
@@ -60,10 +99,11 @@ unsigned zalk_debug_level()
 	if (watch.fd < 0 && !watch.failed) {
 		watch.fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
 		watch.failed = watch.fd < 0;
+		watch.signalled = !watch.failed && signal_on_change(watch.fd);
 	}
 	if (watch.failed)
 		return read_debug_file();
-	if (watch.current && !changes_queued())
+	if (!level_stale())
 		return watch.level;
 
 	// Watch first, then read: a change after the read is then queued.

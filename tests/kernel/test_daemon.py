@@ -119,6 +119,14 @@ class Daemon(unittest.TestCase):
 					self.assertEqual(read(RUN + '/7/type'), 'focal-point')
 					self.assertEqual(self.bridge_setup(), (sorted(mdb), 2, {'$(>m)': 'r;>q', 'r;>q': '$(>m)'}))
 					self.assertEqual(os.listdir('/tmp/cwd'), [], 'a shell ran something')
+					# a level written by another process holds from the next
+					# log point on: the focal point's ring timer logs its ticks
+					sh('echo 128 > %s/debug' % RUN)
+					self.assertTrue(wait_until(lambda: 'focal_ring_pkt_handler_cb() - Enter' in (read('/tmp/zalk.log') or ''), 2))
+					sh('echo 0 > %s/debug' % RUN)
+					size = len(read('/tmp/zalk.log'))
+					time.sleep(0.5)
+					self.assertLessEqual(len(read('/tmp/zalk.log')), size + 100, 'the level stayed 128')
 				if subprocess.run(['chrt', '-f', '49', 'true']).returncode == 0:  # real-time allowed here
 					self.assertIn('SCHED_FIFO\npid %d\'s current scheduling priority: 49' % p.pid, out('chrt -p %d' % p.pid))
 				if sig == signal.SIGINT:

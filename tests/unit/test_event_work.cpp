@@ -66,6 +66,18 @@ TEST_F(EventWork, StatusFilesHoldTheirTextsAfterEveryEventAndFollowItsFrames)
 	}
 	EXPECT_EQ(sent(), "Link Up@11 Link Up@12 Link Down@12");
 	EXPECT_EQ(at_send, (Lines{"Broken", "Broken", "Ok"})) << "the Link Down leaves before the state is written";
+
+	// Only changed files are written, a removed one anew; a set-up (the
+	// status report's too) writes them all again at the next change.
+	const std::string a_state = "/var/run/zalkv2/3/eth1/physical_state", b_state = "/var/run/zalkv2/3/eth2/physical_state";
+	fake::write_file(b_state, "stale");
+	fs::remove(fake::root() + a_state);
+	event(0, LINKA0_1);
+	event(0, RX_LINK_RESPONSE);
+	EXPECT_EQ(fake::read_file(b_state) + fake::read_file(a_state), "staleFORWARDING");
+	zalk_status_setup(0);
+	member_config_ring_topology(0, OK_NET_MEMBER, 1);
+	EXPECT_EQ(texts(), "Ok|1|1|Forwarding|FORWARDING|1|Forwarding|FORWARDING");
 }
 
 TEST_F(EventWork, DropFiltersRunAsOneBatchWithFailuresReportedAsAlone)
