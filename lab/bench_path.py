@@ -21,7 +21,11 @@ s3's end, so s2 loses carrier while its own port stays up, and healed,
 
 and the daemons' own shares (member_daemon, focal_daemon,
 returning_daemon): from the daemon's first wake-up after the path's
-start (the link notification, the frame) to its end. The rest of a path
+start (the link notification, the frame) to its end; and all of the
+daemon's work for the event (member_handling, hold_handling,
+returning_handling): from that wake-up until its loop sleeps again for
+1 ms or more, the status files written after the frames and the
+notifications of its own bridge requests included. The rest of a path
 is the kernel's, or the time the daemon waited for a processor: in this
 lab four real-time daemons share two.
 
@@ -266,7 +270,19 @@ def us(a, b):
 
 # -- the four paths ---------------------------------------------------------
 
-PATHS = ('member', 'member_daemon', 'focal', 'focal_daemon', 'hold', 'returning', 'returning_daemon')
+PATHS = ('member', 'member_daemon', 'focal', 'focal_daemon', 'hold', 'returning', 'returning_daemon',
+	 'member_handling', 'hold_handling', 'returning_handling')
+
+
+def handling(calls, wake):
+	"""All of one event's work, the part after its frames (status files,
+	the notifications of its own requests) included: from the loop's
+	wake-up to the wait after which it sleeps 1 ms or more, in us."""
+	waits = [(e, x) for e, x, nr, _ in calls if nr in EPOLL_WAITS and e >= wake]
+	for e, x in waits:
+		if x - e >= 1e-3:
+			return us(wake, e)
+	return None
 
 
 def bench_paths(daemon, reps):
@@ -320,6 +336,10 @@ def bench_paths(daemon, reps):
 				wake = [x for _, x, nr, _ in c2 if nr in EPOLL_WAITS and carrier[-1] < x < down_b[0]]
 				if len(wake) >= 2:
 					res['member_daemon'].append(us(wake[-2], down_b[0]))
+					h = handling(c2, wake[-2])
+					if h is not None:
+						res['member_handling'].append(h)
+						dump('member, handling', ev, s2, wake[-2], wake[-2] + h * 1e-6)
 					dump('member', ev, s2, wake[-2], down_b[0])
 			else:
 				miss['member'] += 1
@@ -341,6 +361,10 @@ def bench_paths(daemon, reps):
 			wakes = [x for _, x, nr, _ in c1 if nr in EPOLL_WAITS and resp and x < resp[0]]
 			if resp and wakes:
 				res['hold'].append(us(wakes[-1], resp[0]))
+				h = handling(c1, wakes[-1])
+				if h is not None:
+					res['hold_handling'].append(h)
+					dump('hold, handling', ev, s1, wakes[-1], wakes[-1] + h * 1e-6)
 				dump('hold', ev, s1, wakes[-1], resp[0])
 			else:
 				miss['hold'] += 1
@@ -350,6 +374,12 @@ def bench_paths(daemon, reps):
 			if acks:
 				res['returning'].append(us(named[0], acks[0]))
 				own('returning', syscalls(ev, s2), named[0], acks[0])
+				c2 = syscalls(ev, s2)
+				wake = [x for _, x, nr, _ in c2 if nr in EPOLL_WAITS and named[0] < x < acks[0]]
+				h = handling(c2, wake[0]) if wake else None
+				if h is not None:
+					res['returning_handling'].append(h)
+					dump('returning, handling', ev, s2, wake[0], wake[0] + h * 1e-6)
 				dump('returning', ev, s2, named[0], acks[0])
 			else:
 				miss['returning'] += 1

@@ -342,6 +342,11 @@ class Lab:
 		ns = self.ns(s)
 		sh(['ip', 'netns', 'add', ns])
 		sh(['ip', '-n', ns, 'link', 'set', 'lo', 'up'])
+		# No IPv6 on the switch's ports, as on a switch whose bridge ports
+		# carry no addresses: with it, a port set down in a cut would run
+		# the address and multicast-listener teardown under the rtnetlink
+		# lock before the far end's carrier loss could be announced.
+		nsx(ns, 'sysctl', '-qw', 'net.ipv6.conf.all.disable_ipv6=1', 'net.ipv6.conf.default.disable_ipv6=1')
 		# a plain bridge without STP: the daemon sets the ring ports' states
 		sh(['ip', '-n', ns, 'link', 'add', 'br0', 'type', 'bridge', 'stp_state', '0',
 		    'forward_delay', '0', 'mcast_snooping', '0'])
