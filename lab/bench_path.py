@@ -23,8 +23,8 @@ and the daemons' own shares (member_daemon, focal_daemon,
 returning_daemon): from the daemon's first wake-up after the path's
 start (the link notification, the frame) to its end; and all of the
 daemon's work for the event (member_handling, hold_handling,
-returning_handling): from that wake-up until its loop sleeps again for
-1 ms or more, the status files written after the frames and the
+returning_handling): from that wake-up until its loop sleeps again,
+the status files written after the frames and the
 notifications of its own bridge requests included. The rest of a path
 is the kernel's, or the time the daemon waited for a processor: in this
 lab four real-time daemons share two.
@@ -277,10 +277,11 @@ PATHS = ('member', 'member_daemon', 'focal', 'focal_daemon', 'hold', 'returning'
 def handling(calls, wake):
 	"""All of one event's work, the part after its frames (status files,
 	the notifications of its own requests) included: from the loop's
-	wake-up to the wait after which it sleeps 1 ms or more, in us."""
+	wake-up to the first wait in which it sleeps (50 us or more; a wait
+	with work pending returns in a few), in us."""
 	waits = [(e, x) for e, x, nr, _ in calls if nr in EPOLL_WAITS and e >= wake]
 	for e, x in waits:
-		if x - e >= 1e-3:
+		if x - e >= 50e-6:
 			return us(wake, e)
 	return None
 
