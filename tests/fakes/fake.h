@@ -57,6 +57,7 @@ inline std::deque<Frame> rx_queue;        // what os_recvfrom hands out
 inline std::deque<RecvMsg> recvmsg_queue; // empty: EAGAIN
 inline int recvmsg_calls = 0;
 inline struct timeval now;                // 1000437.052301 s
+inline long uptime;                       // os_uptime, 4242 s
 inline int sched_result = 0; // os_sched_setscheduler, failing with sched_errno
 inline int sched_errno = 0;
 inline std::string runlevel_output;       // what "runlevel" prints ("N 5\n"); empty: popen fails

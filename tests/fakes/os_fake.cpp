@@ -46,6 +46,7 @@ void reset()
 	fresh(ifaces, rx_queue, recvmsg_queue, recvmsg_calls, sched_result, sched_errno, rtnl_open_fails, socket_fails, talk_hook,
 	      spawn_hook, send_hook);
 	now = {1000437, 52301};
+	uptime = 4242;
 	runlevel_output = "N 5\n";
 }
 
@@ -103,7 +104,7 @@ void os_syslog(int prio, const char *text) { logs.push_back({prio, text}); }
 
 void os_gettimeofday(struct timeval *tv) { *tv = fake::now; }
 
-long os_uptime() { return 4242; }
+long os_uptime() { return uptime; }
 
 const char *os_root()
 {
