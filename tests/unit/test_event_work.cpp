@@ -77,6 +77,7 @@ TEST_F(EventWork, StatusFilesHoldTheirTextsAfterEveryEventAndFollowItsFrames)
 	event(0, RX_LINK_RESPONSE);
 	EXPECT_EQ(fake::read_file(b_state) + fake::read_file(a_state) + fake::read_file("/var/run/zalkv2/3/tc_jiffies"),
 		  "staleFORWARDING4343");
+	fake::write_file("/var/run/zalkv2/3/state", "stale");
 	zalk_status_setup(0);
 	member_config_ring_topology(0, OK_NET_MEMBER, 1);
 	EXPECT_EQ(texts(), "Ok|1|1|Forwarding|FORWARDING|1|Forwarding|FORWARDING");
