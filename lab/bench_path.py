@@ -374,8 +374,8 @@ def bench_paths(daemon, reps):
 			acks = acks_after(syscalls(ev, s2), fd2, named[0]) if named else []
 			if acks:
 				res['returning'].append(us(named[0], acks[0]))
-				own('returning', syscalls(ev, s2), named[0], acks[0])
 				c2 = syscalls(ev, s2)
+				own('returning', c2, named[0], acks[0])
 				wake = [x for _, x, nr, _ in c2 if nr in EPOLL_WAITS and named[0] < x < acks[0]]
 				h = handling(c2, wake[0]) if wake else None
 				if h is not None:

@@ -189,11 +189,15 @@ int rewrite_kept(const char *dir, int dirfd, const char *name, const char *text,
 	return f.fd.get() < 0 ? -1 : put_text(f.fd.get(), dir, name, text);
 }
 
+// A status number's text.
+struct number_text {
+	char s[24];
+	explicit number_text(long number) { snprintf(s, sizeof(s), "%ld", number); }
+};
+
 int write_number_at(const char *dir, int dirfd, const char *name, long number)
 {
-	char text[24];
-	snprintf(text, sizeof(text), "%ld", number);
-	return write_status_file(dir, dirfd, name, text);
+	return write_status_file(dir, dirfd, name, number_text(number).s);
 }
 
 // Writes the file unless it holds the text already.
@@ -208,9 +212,7 @@ void write_changed(const char *dir, int dirfd, const char *name, const char *tex
 
 void write_changed_number(const char *dir, int dirfd, const char *name, long number, status_file &last)
 {
-	char text[24];
-	snprintf(text, sizeof(text), "%ld", number);
-	write_changed(dir, dirfd, name, text, last);
+	write_changed(dir, dirfd, name, number_text(number).s, last);
 }
 
 void write_topology_files(int ins, const char *dir, int dirfd)
