@@ -372,14 +372,15 @@ int port_link_cb(const nlmsghdr *h, void *data)
 // Bridge ports of several network namespaces sampled together, so that
 // the order of their changes can be read off one clock. A port is IFNAME
 // (this namespace) or NS/IFNAME (the namespace /run/netns/NS). Each round
-// reads the namespaces in the order they first appear in the list, then
-// prints "MS PORT=STATE/MSTISTATE ..." (the plain port state and the
-// state in MSTI; NONE where the port or the MSTI is missing) if anything
-// changed, or when a SIGUSR1 asked for a mark (" mark N" appended).
-// Listing the ports that must change last (say, members before the port
-// a focal point blocks first) last makes an order seen in one round
-// trustworthy: what is read later cannot be older. Ends after MS ms or
-// at SIGTERM.
+// reads the list's runs of ports of one namespace in list order (a
+// namespace that appears again is read again there), then prints
+// "MS PORT=STATE/MSTISTATE ..." (the plain port state and the state in
+// MSTI; NONE where the port or the MSTI is missing) if anything changed,
+// or when a SIGUSR1 asked for a mark (" mark N" appended). What is read
+// later in a round cannot be older; a port listed both first and last
+// brackets the others: when it shows one state at both reads, it held
+// that state while they were read (unless it changed twice in between).
+// Ends after MS ms or at SIGTERM.
 int cmd_port_watch(long ms, unsigned msti, int argc, char **argv)
 {
 	struct ns_sock {
@@ -388,6 +389,8 @@ int cmd_port_watch(long ms, unsigned msti, int argc, char **argv)
 	};
 	std::vector<ns_sock> socks;
 	std::vector<size_t> sock_of(argc);
+	std::vector<size_t> run_of(argc); // which read of the round serves the port
+	std::vector<size_t> runs;          // the socket each read of the round uses
 	std::vector<std::string> ifname(argc);
 	int home = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
 	if (home < 0)
@@ -416,6 +419,9 @@ int cmd_port_watch(long ms, unsigned msti, int argc, char **argv)
 				return die("netlink");
 		}
 		sock_of[i] = k;
+		if (i == 0 || sock_of[i - 1] != k)
+			runs.push_back(k);
+		run_of[i] = runs.size() - 1;
 	}
 	close(home);
 	catch_signals();
@@ -423,18 +429,18 @@ int cmd_port_watch(long ms, unsigned msti, int argc, char **argv)
 	int marked = 0;
 	long start = now_ms();
 	while (!stop_asked && now_ms() - start < ms) {
-		std::vector<std::vector<port_dump>> dumps(socks.size());
-		for (size_t k = 0; k < socks.size(); k++) {
+		std::vector<std::vector<port_dump>> dumps(runs.size());
+		for (size_t r = 0; r < runs.size(); r++) {
 			char buf[MNL_SOCKET_BUFFER_SIZE];
 			nlmsghdr *h = link_request(buf, RTM_GETLINK, NLM_F_REQUEST | NLM_F_DUMP, AF_BRIDGE, 0);
 			mnl_attr_put_u32(h, IFLA_EXT_MASK, RTEXT_FILTER_MST);
-			if (socks[k].sock->talk(h, port_link_cb, &dumps[k]) < 0)
+			if (socks[runs[r]].sock->talk(h, port_link_cb, &dumps[r]) < 0)
 				return die("port dump");
 		}
 		std::string line;
 		for (int i = 0; i < argc; i++) {
 			std::string port = "NONE", mst = "NONE";
-			for (auto &d : dumps[sock_of[i]]) {
+			for (auto &d : dumps[run_of[i]]) {
 				if (d.name != ifname[i])
 					continue;
 				if (d.state >= 0)

@@ -215,9 +215,12 @@ sleep 2
 same "the ring stays closed: its own protocol still runs" "s1.ra " "$(blocked)"
 
 # From here to the end of the heal, the six ring ports sampled together:
-# port state and MSTI 4021 state, the members first, so that a member
-# seen open in a round where s1.ra is not yet blocked did open first.
-RING_PORTS="s2/ra s2/rb s3/ra s3/rb rb ra"
+# port state and MSTI 4021 state, s1.ra read before the members and again
+# after them, so that a member seen open in a round where s1.ra is not yet
+# blocked did open first, and a round counts as a loop only when s1.ra was
+# open at both reads (a round that straddles the cut, members read before
+# it and s1 after its port opened, is no loop).
+RING_PORTS="ra s2/ra s2/rb s3/ra s3/rb rb ra"
 "$RIGCTL" port-watch 120000 4021 $RING_PORTS > /tmp/watch &
 WATCH=$!
 sleep 0.5
