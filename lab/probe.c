@@ -238,6 +238,150 @@ struct gap {
 	uint64_t seq, lost;
 };
 
+/* What the receiver has counted so far. */
+struct tally {
+	uint64_t count;              /* data frames the sender announced */
+	unsigned char *seen, *bseen; /* copies seen per sequence number */
+	struct gap *gaps;
+	uint64_t rx, uniq, dups, reord, brx, buniq, bdups, bmax, ngaps;
+	uint64_t total, foreign, highest;
+	int64_t first, last, max_gap, first_dup;
+	int64_t last_seq;
+	int ended;
+};
+
+/* The kernel's receive time stamp of a frame, else the time now. */
+static int64_t rx_time(struct msghdr *m)
+{
+	int64_t t = now_ns(CLOCK_REALTIME);
+	for (struct cmsghdr *c = CMSG_FIRSTHDR(m); c; c = CMSG_NXTHDR(m, c))
+		if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SO_TIMESTAMPNS) {
+			struct timespec ts;
+			memcpy(&ts, CMSG_DATA(c), sizeof(ts));
+			t = (int64_t)ts.tv_sec * 1000000000LL + ts.tv_nsec;
+		}
+	return t;
+}
+
+static void count_bcast(struct tally *y, uint64_t seq)
+{
+	y->brx++;
+	if (seq > y->count)
+		return;
+	if (y->bseen[seq]) {
+		y->bdups++;
+	} else {
+		y->buniq++;
+	}
+	if (y->bseen[seq] < 255)
+		y->bseen[seq]++;
+	if (y->bseen[seq] > y->bmax)
+		y->bmax = y->bseen[seq];
+}
+
+/* A data frame received at t: a duplicate, a late one (reordered), or the
+ * next in order, ending a pause that is recorded when it is long enough. */
+static void count_data(struct tally *y, uint64_t seq, int64_t t)
+{
+	y->rx++;
+	if (y->seen[seq]) {
+		y->dups++;
+		if (!y->first_dup)
+			y->first_dup = t;
+		return;
+	}
+	y->seen[seq] = 1;
+	y->uniq++;
+	if (seq > y->highest)
+		y->highest = seq;
+	if (!y->first)
+		y->first = t;
+	if ((int64_t)seq < y->last_seq) {
+		y->reord++;
+		return;
+	}
+	if (y->last_seq >= 0 && t - y->last >= GAP_MIN_NS && y->ngaps < MAX_GAPS) {
+		struct gap *g = &y->gaps[y->ngaps++];
+		g->start_ns = y->last;
+		g->len_ns = t - y->last;
+		g->seq = seq;
+		g->lost = seq - y->last_seq - 1;
+	}
+	if (y->last_seq >= 0 && t - y->last > y->max_gap)
+		y->max_gap = t - y->last;
+	y->last_seq = seq;
+	y->last = t;
+}
+
+/* Reads every frame waiting on the socket into the tally; stops early at
+ * the sender's end frame. */
+static void read_frames(int fd, struct tally *y)
+{
+	for (;;) {
+		unsigned char buf[256];
+		char cbuf[256];
+		struct iovec iov = {buf, sizeof(buf)};
+		struct sockaddr_ll from;
+		struct msghdr m = {&from, sizeof(from), &iov, 1, cbuf, sizeof(cbuf), 0};
+		ssize_t n = recvmsg(fd, &m, MSG_DONTWAIT);
+		if (n < 0)
+			return;
+		if (from.sll_pkttype == PACKET_OUTGOING)
+			continue;
+		struct probe_hdr h;
+		if (n < 14 + (ssize_t)sizeof(h)) {
+			y->foreign++;
+			continue;
+		}
+		memcpy(&h, buf + 14, sizeof(h));
+		if (memcmp(h.magic, "ZLP1", 4)) {
+			y->foreign++;
+			continue;
+		}
+		int64_t t = rx_time(&m);
+		if (h.kind == KIND_END) {
+			y->total = h.total;
+			y->ended = 1;
+			return;
+		}
+		if (h.kind == KIND_BCAST) {
+			count_bcast(y, h.seq);
+			continue;
+		}
+		if (h.kind != KIND_DATA || h.seq >= y->count) {
+			y->foreign++;
+			continue;
+		}
+		count_data(y, h.seq, t);
+	}
+}
+
+static int write_report(const char *path, const struct tally *y)
+{
+	FILE *o = fopen(path, "w");
+	if (!o) {
+		perror(path);
+		return 2;
+	}
+	fprintf(o,
+		"{\"sent\": %llu, \"received\": %llu, \"unique\": %llu, \"lost\": %llu, \"duplicates\": %llu, "
+		"\"reordered\": %llu, \"bcast_received\": %llu, \"bcast_unique\": %llu, "
+		"\"bcast_duplicates\": %llu, \"bcast_max_copies\": %llu, \"foreign\": %llu, \"ended\": %d, "
+		"\"first\": %.9f, \"last\": %.9f, \"first_duplicate\": %.9f, \"max_gap\": %.9f,\n \"gaps\": [",
+		(unsigned long long)y->total, (unsigned long long)y->rx, (unsigned long long)y->uniq,
+		(unsigned long long)(y->total - (y->uniq < y->total ? y->uniq : y->total)), (unsigned long long)y->dups,
+		(unsigned long long)y->reord, (unsigned long long)y->brx, (unsigned long long)y->buniq,
+		(unsigned long long)y->bdups, (unsigned long long)y->bmax, (unsigned long long)y->foreign, y->ended,
+		y->first / 1e9, y->last / 1e9, y->first_dup / 1e9, y->max_gap / 1e9);
+	for (uint64_t i = 0; i < y->ngaps; i++)
+		fprintf(o, "%s\n  {\"start\": %.9f, \"len\": %.9f, \"seq\": %llu, \"lost\": %llu}", i ? "," : "",
+			y->gaps[i].start_ns / 1e9, y->gaps[i].len_ns / 1e9, (unsigned long long)y->gaps[i].seq,
+			(unsigned long long)y->gaps[i].lost);
+	fprintf(o, "]}\n");
+	fclose(o);
+	return 0;
+}
+
 static int do_recv(int argc, char **argv)
 {
 	if (argc != 6) {
@@ -252,21 +396,17 @@ static int do_recv(int argc, char **argv)
 	int on = 1, rcvbuf = 8 << 20;
 	setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof(on));
 	setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &rcvbuf, sizeof(rcvbuf));
-	unsigned char *seen = calloc(count + 1, 1);
-	unsigned char *bseen = calloc(count + 1, 1);
-	struct gap *gaps = calloc(MAX_GAPS, sizeof(*gaps));
-	if (!seen || !bseen || !gaps)
+	struct tally y = {.count = count, .total = count, .last_seq = -1};
+	y.seen = calloc(count + 1, 1);
+	y.bseen = calloc(count + 1, 1);
+	y.gaps = calloc(MAX_GAPS, sizeof(*y.gaps));
+	if (!y.seen || !y.bseen || !y.gaps)
 		return 2;
-	uint64_t rx = 0, uniq = 0, dups = 0, reord = 0, brx = 0, buniq = 0, bdups = 0, bmax = 0, ngaps = 0;
-	uint64_t total = count, foreign = 0, highest = 0;
-	int64_t first = 0, last = 0, max_gap = 0, first_dup = 0;
-	int64_t last_seq = -1;
-	int ended = 0;
 	int64_t deadline = now_ns(CLOCK_MONOTONIC) + (int64_t)(max_secs * 1e9);
 	/* the receiver is ready: the sender may start */
 	fprintf(stderr, "ready\n");
 	fflush(stderr);
-	while (!ended) {
+	while (!y.ended) {
 		int64_t left = deadline - now_ns(CLOCK_MONOTONIC);
 		if (left <= 0)
 			break;
@@ -274,110 +414,9 @@ static int do_recv(int argc, char **argv)
 		int r = poll(&p, 1, (int)(left / 1000000) + 1);
 		if (r <= 0)
 			continue;
-		for (;;) {
-			unsigned char buf[256];
-			char cbuf[256];
-			struct iovec iov = {buf, sizeof(buf)};
-			struct sockaddr_ll from;
-			struct msghdr m = {&from, sizeof(from), &iov, 1, cbuf, sizeof(cbuf), 0};
-			ssize_t n = recvmsg(fd, &m, MSG_DONTWAIT);
-			if (n < 0)
-				break;
-			if (from.sll_pkttype == PACKET_OUTGOING)
-				continue;
-			struct probe_hdr h;
-			if (n < 14 + (ssize_t)sizeof(h)) {
-				foreign++;
-				continue;
-			}
-			memcpy(&h, buf + 14, sizeof(h));
-			if (memcmp(h.magic, "ZLP1", 4)) {
-				foreign++;
-				continue;
-			}
-			int64_t t = now_ns(CLOCK_REALTIME);
-			for (struct cmsghdr *c = CMSG_FIRSTHDR(&m); c; c = CMSG_NXTHDR(&m, c))
-				if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SO_TIMESTAMPNS) {
-					struct timespec ts;
-					memcpy(&ts, CMSG_DATA(c), sizeof(ts));
-					t = (int64_t)ts.tv_sec * 1000000000LL + ts.tv_nsec;
-				}
-			if (h.kind == KIND_END) {
-				total = h.total;
-				ended = 1;
-				break;
-			}
-			if (h.kind == KIND_BCAST) {
-				brx++;
-				if (h.seq <= count) {
-					if (bseen[h.seq]) {
-						bdups++;
-					} else {
-						buniq++;
-					}
-					if (bseen[h.seq] < 255)
-						bseen[h.seq]++;
-					if (bseen[h.seq] > bmax)
-						bmax = bseen[h.seq];
-				}
-				continue;
-			}
-			if (h.kind != KIND_DATA || h.seq >= count) {
-				foreign++;
-				continue;
-			}
-			rx++;
-			if (seen[h.seq]) {
-				dups++;
-				if (!first_dup)
-					first_dup = t;
-				continue;
-			}
-			seen[h.seq] = 1;
-			uniq++;
-			if (h.seq > highest)
-				highest = h.seq;
-			if (!first)
-				first = t;
-			if ((int64_t)h.seq < last_seq) {
-				reord++;
-			} else {
-				if (last_seq >= 0 && t - last >= GAP_MIN_NS && ngaps < MAX_GAPS) {
-					struct gap *g = &gaps[ngaps++];
-					g->start_ns = last;
-					g->len_ns = t - last;
-					g->seq = h.seq;
-					g->lost = h.seq - last_seq - 1;
-				}
-				if (last_seq >= 0 && t - last > max_gap)
-					max_gap = t - last;
-				last_seq = h.seq;
-				last = t;
-			}
-		}
+		read_frames(fd, &y);
 	}
-	FILE *o = fopen(argv[5], "w");
-	if (!o) {
-		perror(argv[5]);
-		return 2;
-	}
-	fprintf(o,
-		"{\"sent\": %llu, \"received\": %llu, \"unique\": %llu, \"lost\": %llu, \"duplicates\": %llu, "
-		"\"reordered\": %llu, \"bcast_received\": %llu, \"bcast_unique\": %llu, "
-		"\"bcast_duplicates\": %llu, \"bcast_max_copies\": %llu, \"foreign\": %llu, \"ended\": %d, "
-		"\"first\": %.9f, \"last\": %.9f, \"first_duplicate\": %.9f, \"max_gap\": %.9f,\n \"gaps\": [",
-		(unsigned long long)total, (unsigned long long)rx, (unsigned long long)uniq,
-		(unsigned long long)(total - (uniq < total ? uniq : total)), (unsigned long long)dups,
-		(unsigned long long)reord, (unsigned long long)brx, (unsigned long long)buniq,
-		(unsigned long long)bdups, (unsigned long long)bmax, (unsigned long long)foreign, ended, first / 1e9,
-		last / 1e9, first_dup / 1e9, max_gap / 1e9);
-	for (uint64_t i = 0; i < ngaps; i++)
-		fprintf(o, "%s\n  {\"start\": %.9f, \"len\": %.9f, \"seq\": %llu, \"lost\": %llu}", i ? "," : "",
-			gaps[i].start_ns / 1e9, gaps[i].len_ns / 1e9, (unsigned long long)gaps[i].seq,
-			(unsigned long long)gaps[i].lost);
-	fprintf(o, "]}\n");
-	fclose(o);
-	return 0;
+	return write_report(argv[5], &y);
 }
 
 int main(int argc, char **argv)
