@@ -315,7 +315,7 @@ def build_targets(build):
     return sorted(t for t in names if re.fullmatch(r"tests/unit_tests|tests/(unit|kernel)_test_\w+|zalkv2d|zalkctl/zalkctl", t))
 
 
-def main():
+def parse_args():
     ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     ap.add_argument("--sample", type=int, default=160, help="mutants to run (default 160)")
     ap.add_argument("--seed", type=int, default=14, help="sampling seed (default 14)")
@@ -332,16 +332,11 @@ def main():
     ap.add_argument("--only", help="run the mutants whose file:line contains this text "
                     "(several texts: comma-separated, any of them)")
     ap.add_argument("--json", help="write every result to this file")
-    a = ap.parse_args()
+    return ap.parse_args()
 
-    repo = subprocess.run(["git", "rev-parse", "--show-toplevel"], check=True, capture_output=True,
-                          text=True).stdout.strip()
-    stages = DEFAULT_STAGES if not a.stage else [tuple(s.split("=", 1)) for s in a.stage]
-    work = os.path.join(repo, a.work) if not os.path.isabs(a.work) else a.work
-    src, build = os.path.join(work, "src"), os.path.join(work, "build")
-    os.makedirs(src, exist_ok=True)
-    sync_tree(repo, src, a.rev)
 
+def pick(a, src):
+    """The mutants of this run, in their run order."""
     cands = candidates(src)
     picked = sample(cands, a.sample, a.seed)
     if a.only:
@@ -353,11 +348,17 @@ def main():
     if a.stop_after:
         picked = picked[: a.stop_after]
     print(f"{len(cands)} candidate mutants, {len(picked)} sampled (seed {a.seed})", flush=True)
-    if a.list:
-        for m in picked:
-            print(f"{m['file']}:{m['line']}:{m['col']}: {m['op']}: {m['old'].strip()!r} -> {m['new'].strip()!r}")
-        return 0
+    return picked
 
+
+def describe(m):
+    return f"{m['file']}:{m['line']}:{m['col']}: {m['op']}: {m['old'].strip()!r} -> {m['new'].strip()!r}"
+
+
+def clean_run(a, src, build, stages):
+    """Builds the clean tree and runs every stage on it once. Returns the
+    ninja command that rebuilds the tested targets and each stage's
+    timeout."""
     if not os.path.exists(os.path.join(build, "build.ninja")):
         subprocess.run(["cmake", "-S", src, "-B", build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=None",
                         "-DCMAKE_CXX_FLAGS=-O1", "-DZALK_BENCH=OFF", "-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld"],
@@ -376,10 +377,25 @@ def main():
     timeout = {n: a.timeout or max(10.0, 5 * s) for n, s in base.items()}
     print("clean run: " + ", ".join(f"{n} {s:.1f}s (timeout {timeout[n]:.0f}s)" for n, s in base.items()),
           flush=True)
+    return ninja, timeout
 
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit("mutate: terminated"))
+
+def judge(m, ninja, build, stages, timeout):
+    """Builds the mutated tree and runs the stages until one fails."""
+    if subprocess.run(ninja, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode:
+        return "did-not-build", ""
+    for name, cmd in stages:
+        env = dict(os.environ, MUTATE_ID=f"{m['file']}:{m['line']}:{m['col']}:{m['op']}")
+        rc, _, hung = run(cmd, build, timeout[name], env)
+        if rc:
+            return "killed", name + (" (hang)" if hung else "")
+    return "survived", ""
+
+
+def run_mutants(picked, src, build, ninja, stages, timeout):
+    """Applies each mutant alone, judges it and puts the file back (every
+    file also when the run is interrupted). Returns the results."""
     results = []
-    t_start = time.monotonic()
     original = {}
     try:
         for i, m in enumerate(picked, 1):
@@ -390,17 +406,7 @@ def main():
                     original[m["file"]] = f.read()
             with open(path, "w", encoding="utf-8") as f:
                 f.write("\n".join(apply(original[m["file"]].split("\n"), m)))
-            built = subprocess.run(ninja, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0
-            if not built:
-                verdict, by = "did-not-build", ""
-            else:
-                verdict, by = "survived", ""
-                for name, cmd in stages:
-                    env = dict(os.environ, MUTATE_ID=f"{m['file']}:{m['line']}:{m['col']}:{m['op']}")
-                    rc, _, hung = run(cmd, build, timeout[name], env)
-                    if rc:
-                        verdict, by = "killed", name + (" (hang)" if hung else "")
-                        break
+            verdict, by = judge(m, ninja, build, stages, timeout)
             with open(path, "w", encoding="utf-8") as f:
                 f.write(original[m["file"]])
             m = dict(m, verdict=verdict, by=by, seconds=round(time.monotonic() - t0, 2))
@@ -411,7 +417,10 @@ def main():
         for rel, text in original.items():
             with open(os.path.join(src, rel), "w", encoding="utf-8") as f:
                 f.write(text)
+    return results
 
+
+def report(results, stages, t_start):
     killed = [r for r in results if r["verdict"] == "killed"]
     survived = [r for r in results if r["verdict"] == "survived"]
     nobuild = [r for r in results if r["verdict"] == "did-not-build"]
@@ -428,7 +437,29 @@ def main():
     if survived:
         print("survivors:")
         for r in sorted(survived, key=lambda r: (r["file"], r["line"], r["col"])):
-            print(f"  {r['file']}:{r['line']}:{r['col']}: {r['op']}: {r['old'].strip()!r} -> {r['new'].strip()!r}")
+            print("  " + describe(r))
+
+
+def main():
+    a = parse_args()
+    repo = subprocess.run(["git", "rev-parse", "--show-toplevel"], check=True, capture_output=True,
+                          text=True).stdout.strip()
+    stages = DEFAULT_STAGES if not a.stage else [tuple(s.split("=", 1)) for s in a.stage]
+    work = os.path.join(repo, a.work) if not os.path.isabs(a.work) else a.work
+    src, build = os.path.join(work, "src"), os.path.join(work, "build")
+    os.makedirs(src, exist_ok=True)
+    sync_tree(repo, src, a.rev)
+
+    picked = pick(a, src)
+    if a.list:
+        for m in picked:
+            print(describe(m))
+        return 0
+    ninja, timeout = clean_run(a, src, build, stages)
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit("mutate: terminated"))
+    t_start = time.monotonic()
+    results = run_mutants(picked, src, build, ninja, stages, timeout)
+    report(results, stages, t_start)
     if a.json:
         with open(a.json, "w", encoding="utf-8") as f:
             json.dump({"seed": a.seed, "sample": a.sample, "stages": stages, "results": results}, f, indent=1)
