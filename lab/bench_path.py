@@ -60,6 +60,7 @@ import statistics
 import struct
 import sys
 import time
+import types
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import zlab  # noqa: E402
@@ -286,112 +287,145 @@ def handling(calls, wake):
 	return None
 
 
-def bench_paths(daemon, reps):
+class Paths:
+	"""The figures of the paths measured so far, repetition by repetition,
+	and how often each could not be found in a repetition's trace."""
+
+	def __init__(self):
+		self.res = {k: [] for k in PATHS}
+		self.miss = {k: 0 for k in PATHS}
+
+	def add(self, path, value):
+		self.res[path].append(value)
+
+	def missed(self, path):
+		self.miss[path] += 1
+
+	def own(self, path, calls, t0, t1):
+		"""The daemon's own share of a path that starts with a frame: from
+		the loop's first wake-up after the frame arrived to the end."""
+		wake = [x for _, x, nr, _ in calls if nr in EPOLL_WAITS and t0 < x < t1]
+		if wake:
+			self.add(path + '_daemon', us(wake[0], t1))
+		else:
+			self.missed(path + '_daemon')
+
+	def handling(self, path, ev, pid, calls, wake):
+		"""The handling of the event that woke the daemon at wake, if found."""
+		h = handling(calls, wake)
+		if h is not None:
+			self.add(path + '_handling', h)
+			dump(path + ', handling', ev, pid, wake, wake + h * 1e-6)
+
+
+def closed_path_ring(daemon):
+	"""A ring of 4 (s1 focal point blocking port A, hello off, response
+	delay 100 ms), closed and settled."""
 	lab = zlab.Lab(daemon=daemon)
 	lab.up(zlab.make_ring(4, blocked='A', hello=0, ring_interval=200, response_delay=100))
 	ok = lab.wait(lambda: lab.blocking_ports(1) == [('s1', 'zl1a')], 30.0, 0.1)
 	if not ok:
 		raise zlab.LabError('ring did not close: %s' % lab.blocking_ports(1))
 	time.sleep(1.0)
-	s1, s2 = lab.pids['s1'], lab.pids['s2']
-	fd1, fd2 = bridge_fd(s1), bridge_fd(s2)
-	s2_mac = bytes.fromhex(lab.base_mac('s2').replace(':', ''))
-	caps = dict(s1a=capture(lab.ns('s1'), 'zl1a'), s1b=capture(lab.ns('s1'), 'zl1b'),
-		    s2a=capture(lab.ns('s2'), 'zl1a'))
-	trace_setup([s1, s2])
-	res = {k: [] for k in PATHS}
-	miss = {k: 0 for k in PATHS}
+	return lab
 
-	def own(path, calls, t0, t1):
-		"""The daemon's own share of a path that starts with a frame: from
-		the loop's first wake-up after the frame arrived to the end."""
-		wake = [x for _, x, nr, _ in calls if nr in EPOLL_WAITS and t0 < x < t1]
+
+def measure_member(paths, ev, s2, carrier, down_b):
+	"""s2's carrier loss to its Link Down arriving at s1, and the daemon's
+	own share: from the loop's wake-up that brings the link notification
+	to the frame (the loop wakes for the notification, posts the event,
+	and wakes again for the dispatcher, which sends the frame)."""
+	paths.add('member', us(carrier[-1], down_b[0]))
+	c2 = syscalls(ev, s2)
+	wake = [x for _, x, nr, _ in c2 if nr in EPOLL_WAITS and carrier[-1] < x < down_b[0]]
+	if len(wake) >= 2:
+		paths.add('member_daemon', us(wake[-2], down_b[0]))
+		paths.handling('member', ev, s2, c2, wake[-2])
+		dump('member', ev, s2, wake[-2], down_b[0])
+
+
+def measure_cut(lab, watch, paths, off):
+	"""L2 cut at s3's end: the member path (s2) and the focal path (s1)."""
+	t_cut = time.clock_gettime(time.CLOCK_MONOTONIC)
+	lab.cut('L2', 'b')
+	time.sleep(0.3)
+	ev = trace_take()
+	f1a, f1b = frames(watch.caps['s1a'], off), frames(watch.caps['s1b'], off)
+	frames(watch.caps['s2a'], off)
+	down_b = [t for t, ty, o, _ in f1b if ty == LINK_DOWN and not o]
+	carrier = [t for t, p, n, x in ev if n == 'workqueue_queue_work' and 'linkwatch' in x
+		   and t > t_cut and (not down_b or t < down_b[0])]
+	down_any = sorted(down_b + [t for t, ty, o, _ in f1a if ty == LINK_DOWN and not o])
+	if carrier and down_b and down_b[0] > carrier[-1]:
+		measure_member(paths, ev, watch.s2, carrier, down_b)
+	else:
+		paths.missed('member')
+	c1 = syscalls(ev, watch.s1)
+	acks = acks_after(c1, watch.fd1, down_any[0]) if down_any else []
+	if len(acks) >= 2:
+		paths.add('focal', us(down_any[0], acks[1]))
+		paths.own('focal', c1, down_any[0], acks[1])
+		dump('focal', ev, watch.s1, down_any[0], acks[1])
+	else:
+		paths.missed('focal')
+
+
+def measure_heal(lab, watch, paths, off):
+	"""L2 healed: the focal point's hold (s1) and the returning member (s2)."""
+	lab.heal('L2')
+	time.sleep(0.9)
+	ev = trace_take()
+	f1a, f1b, f2a = frames(watch.caps['s1a'], off), frames(watch.caps['s1b'], off), frames(watch.caps['s2a'], off)
+	resp = sorted(t for t, ty, o, _ in f1a + f1b if ty == LINK_RESPONSE and o)
+	c1 = syscalls(ev, watch.s1)
+	wakes = [x for _, x, nr, _ in c1 if nr in EPOLL_WAITS and resp and x < resp[0]]
+	if resp and wakes:
+		paths.add('hold', us(wakes[-1], resp[0]))
+		paths.handling('hold', ev, watch.s1, c1, wakes[-1])
+		dump('hold', ev, watch.s1, wakes[-1], resp[0])
+	else:
+		paths.missed('hold')
+	named = sorted(t for t, ty, o, e in f2a if ty == LINK_RESPONSE and not o
+		       and (e[0][2:] == watch.s2_mac or e[1][2:] == watch.s2_mac))
+	acks = acks_after(syscalls(ev, watch.s2), watch.fd2, named[0]) if named else []
+	if acks:
+		paths.add('returning', us(named[0], acks[0]))
+		c2 = syscalls(ev, watch.s2)
+		paths.own('returning', c2, named[0], acks[0])
+		wake = [x for _, x, nr, _ in c2 if nr in EPOLL_WAITS and named[0] < x < acks[0]]
 		if wake:
-			res[path + '_daemon'].append(us(wake[0], t1))
-		else:
-			miss[path + '_daemon'] += 1
+			paths.handling('returning', ev, watch.s2, c2, wake[0])
+		dump('returning', ev, watch.s2, named[0], acks[0])
+	else:
+		paths.missed('returning')
 
+
+def bench_paths(daemon, reps):
+	lab = closed_path_ring(daemon)
+	s1, s2 = lab.pids['s1'], lab.pids['s2']
+	watch = types.SimpleNamespace(
+		s1=s1, s2=s2, fd1=bridge_fd(s1), fd2=bridge_fd(s2),
+		s2_mac=bytes.fromhex(lab.base_mac('s2').replace(':', '')),
+		caps=dict(s1a=capture(lab.ns('s1'), 'zl1a'), s1b=capture(lab.ns('s1'), 'zl1b'),
+			  s2a=capture(lab.ns('s2'), 'zl1a')))
+	trace_setup([s1, s2])
+	paths = Paths()
 	try:
 		for rep in range(reps):
 			off = mono_minus_real()
 			trace_take()
-			for c in caps.values():
+			for c in watch.caps.values():
 				frames(c, off)
-			t_cut = time.clock_gettime(time.CLOCK_MONOTONIC)
-			lab.cut('L2', 'b')
-			time.sleep(0.3)
-			ev = trace_take()
-			f1a, f1b = frames(caps['s1a'], off), frames(caps['s1b'], off)
-			frames(caps['s2a'], off)
-			down_b = [t for t, ty, o, _ in f1b if ty == LINK_DOWN and not o]
-			carrier = [t for t, p, n, x in ev if n == 'workqueue_queue_work' and 'linkwatch' in x
-				   and t > t_cut and (not down_b or t < down_b[0])]
-			down_any = sorted(down_b + [t for t, ty, o, _ in f1a if ty == LINK_DOWN and not o])
-			if carrier and down_b and down_b[0] > carrier[-1]:
-				res['member'].append(us(carrier[-1], down_b[0]))
-				# the daemon's own share: from the loop's wake-up that
-				# brings the link notification to the frame
-				# (the loop wakes for the notification, posts the event, and
-				# wakes again for the dispatcher, which sends the frame)
-				c2 = syscalls(ev, s2)
-				wake = [x for _, x, nr, _ in c2 if nr in EPOLL_WAITS and carrier[-1] < x < down_b[0]]
-				if len(wake) >= 2:
-					res['member_daemon'].append(us(wake[-2], down_b[0]))
-					h = handling(c2, wake[-2])
-					if h is not None:
-						res['member_handling'].append(h)
-						dump('member, handling', ev, s2, wake[-2], wake[-2] + h * 1e-6)
-					dump('member', ev, s2, wake[-2], down_b[0])
-			else:
-				miss['member'] += 1
-			c1 = syscalls(ev, s1)
-			acks = acks_after(c1, fd1, down_any[0]) if down_any else []
-			if len(acks) >= 2:
-				res['focal'].append(us(down_any[0], acks[1]))
-				own('focal', c1, down_any[0], acks[1])
-				dump('focal', ev, s1, down_any[0], acks[1])
-			else:
-				miss['focal'] += 1
-
-			lab.heal('L2')
-			time.sleep(0.9)
-			ev = trace_take()
-			f1a, f1b, f2a = frames(caps['s1a'], off), frames(caps['s1b'], off), frames(caps['s2a'], off)
-			resp = sorted(t for t, ty, o, _ in f1a + f1b if ty == LINK_RESPONSE and o)
-			c1 = syscalls(ev, s1)
-			wakes = [x for _, x, nr, _ in c1 if nr in EPOLL_WAITS and resp and x < resp[0]]
-			if resp and wakes:
-				res['hold'].append(us(wakes[-1], resp[0]))
-				h = handling(c1, wakes[-1])
-				if h is not None:
-					res['hold_handling'].append(h)
-					dump('hold, handling', ev, s1, wakes[-1], wakes[-1] + h * 1e-6)
-				dump('hold', ev, s1, wakes[-1], resp[0])
-			else:
-				miss['hold'] += 1
-			named = sorted(t for t, ty, o, e in f2a if ty == LINK_RESPONSE and not o
-				       and (e[0][2:] == s2_mac or e[1][2:] == s2_mac))
-			acks = acks_after(syscalls(ev, s2), fd2, named[0]) if named else []
-			if acks:
-				res['returning'].append(us(named[0], acks[0]))
-				c2 = syscalls(ev, s2)
-				own('returning', c2, named[0], acks[0])
-				wake = [x for _, x, nr, _ in c2 if nr in EPOLL_WAITS and named[0] < x < acks[0]]
-				h = handling(c2, wake[0]) if wake else None
-				if h is not None:
-					res['returning_handling'].append(h)
-					dump('returning, handling', ev, s2, wake[0], wake[0] + h * 1e-6)
-				dump('returning', ev, s2, named[0], acks[0])
-			else:
-				miss['returning'] += 1
-			print('rep %d: %s' % (rep + 1, {k: v[-1] if v else None for k, v in res.items()}), flush=True)
+			measure_cut(lab, watch, paths, off)
+			measure_heal(lab, watch, paths, off)
+			print('rep %d: %s' % (rep + 1, {k: v[-1] if v else None for k, v in paths.res.items()}), flush=True)
 	finally:
 		trace_teardown()
-		for c in caps.values():
+		for c in watch.caps.values():
 			c.close()
 	sighup = bench_sighup(lab, 's2', reps_sighup)
 	zlab.down()
-	return {k: summary(v) for k, v in res.items()}, res, miss, sighup
+	return {k: summary(v) for k, v in paths.res.items()}, paths.res, paths.miss, sighup
 
 
 def bench_sighup(lab, s, reps):
