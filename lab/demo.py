@@ -37,7 +37,7 @@ def main(daemon):
 	for note in zlab.standin_notes(lab):
 		say('   ' + note)
 	closed = lab.wait(lambda: lab.blocking_ports(1) == [('s1', 'zl1a')] and
-			  all(st['rings']['1']['state'] in ('Ring Ok', 'Ok') for st in lab.status().values()), 15.0)
+			  all(st['rings']['1']['whole'] for st in lab.status().values()), 15.0)
 	say()
 	say(view.text(lab))
 	if not closed:
@@ -60,7 +60,7 @@ def main(daemon):
 	say('== Healing link L2')
 	t_heal = lab.heal('L2')
 	reclosed = lab.wait(lambda: lab.blocking_ports(1) == [('s1', 'zl1a')] and
-			    all(st['rings']['1']['state'] in ('Ring Ok', 'Ok') for st in lab.status().values()), 10.0)
+			    all(st['rings']['1']['whole'] for st in lab.status().values()), 10.0)
 	say(view.text(lab))
 	ok = check(reclosed, 'the ring did not close again with s1 zl1a as the only blocked port',
 		   'Ring closed again: the returning ports were held until the focal point had blocked zl1a',

@@ -53,7 +53,7 @@ def ring_order(lab, rid):
 def text(lab, st=None, colour=None):
 	if colour is None:
 		colour = sys.stdout.isatty()
-	st = st or lab.status(via_zalkctl=True)
+	st = st or lab.status()
 	rids = sorted({r['ring_id'] for s in lab.switches() for r in lab.topo['switches'][s]['rings']})
 	cuts = lab.topo.get('cuts', {})
 	out = []
@@ -91,7 +91,7 @@ def text(lab, st=None, colour=None):
 
 
 def dot(lab, st=None):
-	st = st or lab.status(via_zalkctl=True)
+	st = st or lab.status()
 	colour = {'FORWARDING': 'darkgreen', 'BLOCKING': 'red'}
 	cuts = lab.topo.get('cuts', {})
 	out = ['graph zlab {', ' layout=circo; node [shape=box, style=rounded, fontname="Helvetica"];',

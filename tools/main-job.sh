@@ -4,7 +4,7 @@ set -eu
 cd "$(dirname "$0")/.."
 ./tools/setup.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build build -j"$(nproc)" --target zalkv2d zalkv2d-lab
+cmake --build build -j"$(nproc)" --target zalkv2d zalkv2d-lab zalkctl
 if [ -x lab/demo.sh ]; then
 	exec ./lab/demo.sh build/zalkv2d
 fi

@@ -50,8 +50,7 @@ class Test:
 		def ok():
 			st = lab.status()
 			return (lab.blocking_ports(ring_id, st) == [port] and
-				all(sw['rings'][str(ring_id)]['state'] in ('Ring Ok', 'Ok')
-				    for sw in st.values() if str(ring_id) in sw['rings']))
+				all(sw['rings'][str(ring_id)]['whole'] for sw in st.values() if str(ring_id) in sw['rings']))
 		return lab.wait(ok, timeout, 0.05)
 
 	def state(self, s, rid=1):

@@ -1,0 +1,1 @@
+"""The ring lab's parts; `zlab` (lab/zlab.py) is the name scripts import."""
