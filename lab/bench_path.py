@@ -512,7 +512,12 @@ def bench_traffic_reload(daemon, reloads, n=16):
 			      response_delay=100))
 	lab.wait(lambda: lab.blocking_ports(1) == [('s1', 'zl1a')], 30.0, 0.1)
 	time.sleep(2.0)
-	before = {s: (lab.read(s, '1/tc_count'), lab.read(s, '1/state')) for s in lab.switches()}
+
+	def ring_states():
+		"""Each switch's ring 1 as its zalkctl says: (topology changes, state)."""
+		return {s: (r.get(1, {}).get('tc_count'), r.get(1, {}).get('state'))
+			for s, r in lab.rings(lab.switches()).items()}
+	before = ring_states()
 	members = ['s%d' % i for i in range(2, n // 2 + 2)]
 	per = 0.5
 	tr = lab.traffic('h1', 'h%d' % (n // 2 + 1), rate=10000, seconds=reloads * per + 3.0)
@@ -521,7 +526,7 @@ def bench_traffic_reload(daemon, reloads, n=16):
 		lab.kill(members[i % len(members)], signal.SIGHUP)
 		time.sleep(per)
 	r = tr.result()
-	after = {s: (lab.read(s, '1/tc_count'), lab.read(s, '1/state')) for s in lab.switches()}
+	after = ring_states()
 	changed = sorted(s for s in before if before[s] != after[s])
 	zlab.down()
 	return dict(reloads=reloads, frames_sent=r.get('sent', r.get('received')), lost=r.get('lost'),
