@@ -27,7 +27,9 @@ from zlablib.common import (FOCAL, LAB_DIR, MEMBER, NFT_TABLE, NS_PREFIX, STATE,
 			    LabError, group_mac, nsx, sh)
 from zlablib.daemons import lab_daemon  # noqa: F401
 from zlablib.lab import Lab  # noqa: F401
-from zlablib.namespaces import (_port_state, _scratch_ns, down, kernel_has_flower,  # noqa: F401
+from zlablib.namespaces import (_scratch_ns, bridge_port_state, down, kernel_has_flower,  # noqa: F401
 				kernel_holds_blocking, standin_notes)
+
+_port_state = bridge_port_state  # its name before the split
 from zlablib.topology import conf_text, make_ring, merge, ring_section  # noqa: F401
 from zlablib.traffic import PROBE_PRIO, PROBE_SRC, Capture, Traffic, build_probe, interruption  # noqa: F401

@@ -4,7 +4,7 @@ ring port from bridging until it is in its daemon's state."""
 import time
 
 from .common import LabError, NFT_TABLE, nsx, sh
-from .namespaces import _port_state
+from .namespaces import bridge_port_state
 
 
 class Links:
@@ -47,7 +47,7 @@ class Links:
 	def _settle(self, ends, timeout=2.0):
 		"""Waits until the kernel has taken up the carrier of the given
 		ports (its bridge enables a port only when it handles the change)."""
-		self.wait(lambda: all(_port_state(self.ns(s), p) not in (None, 'disabled') for s, p in ends), timeout, 0.002)
+		self.wait(lambda: all(bridge_port_state(self.ns(s), p) not in (None, 'disabled') for s, p in ends), timeout, 0.002)
 
 	def _set_blocked(self, s, p):
 		"""Puts a ring port into the state that stands for BLOCKING here."""
@@ -140,7 +140,7 @@ class Links:
 			time.sleep(0.02)
 			said = self.physical_states(blocked) if blocked else {}
 			for s, p in blocked:
-				if said[(s, p)] == 'FORWARDING' and _port_state(self.ns(s), p) != 'forwarding':
+				if said[(s, p)] == 'FORWARDING' and bridge_port_state(self.ns(s), p) != 'forwarding':
 					sh(['bridge', '-n', self.ns(s), 'link', 'set', 'dev', p, 'state', '3'])
 		for s, p in ends:
 			self._hold(s, [p], False)

@@ -65,15 +65,15 @@ def kernel_holds_blocking():
 			# the port must have carrier before a state other than
 			# DISABLED can be set
 			end = time.monotonic() + 2.0
-			while _port_state(ns, 'zlx') in (None, 'disabled') and time.monotonic() < end:
+			while bridge_port_state(ns, 'zlx') in (None, 'disabled') and time.monotonic() < end:
 				time.sleep(0.005)
 			subprocess.run(['bridge', '-n', ns, 'link', 'set', 'dev', 'zlx', 'state', '4'], capture_output=True)
 			time.sleep(0.05)
-			_blocking = _port_state(ns, 'zlx') == 'blocking'
+			_blocking = bridge_port_state(ns, 'zlx') == 'blocking'
 	return _blocking
 
 
-def _port_state(ns, port):
+def bridge_port_state(ns, port):
 	"""The kernel's bridge port state ('forwarding', 'disabled', ...)."""
 	out = sh(['bridge', '-n', ns, '-j', 'link', 'show', 'dev', port], check=False)
 	try:

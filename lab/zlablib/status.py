@@ -8,7 +8,7 @@ import subprocess
 import time
 
 from .common import FOCAL, LabError, sh
-from .namespaces import _port_state
+from .namespaces import bridge_port_state
 
 
 class Status:
@@ -26,7 +26,7 @@ class Status:
 		"""The bridge port state in effect, as the kernel reports it, except
 		that under the lab build DISABLED on a port with carrier is the
 		daemon's BLOCKING (a port without carrier is DISABLED anyway)."""
-		st = _port_state(self.ns(s), port)
+		st = bridge_port_state(self.ns(s), port)
 		if not isinstance(st, str):
 			return st
 		st = st.upper()
