@@ -12,13 +12,18 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include "status/files.h"
+
 #include "bridge/prepare.h"
 #include "daemon/instance.h"
 #include "daemon/os.h"
 #include "daemon/util.h"
+#include "status/names.h"
 #include "status/status.h"
 
 namespace {
+
+namespace sc = zalk_schema;
 
 constexpr size_t STATUS_PATH_MAX = 160;
 
@@ -103,16 +108,16 @@ void later_cb(struct ev_loop *loop, ev_idle *w, int)
 	zalk_status_flush();
 }
 
-char *root_dir(char (&buf)[STATUS_PATH_MAX]) { return zalk_path(buf, sizeof(buf), "/var/run/zalkv2"); }
+char *root_dir(char (&buf)[STATUS_PATH_MAX]) { return zalk_path(buf, sizeof(buf), "%s", sc::ROOT); }
 
 char *instance_dir(char (&buf)[STATUS_PATH_MAX], const zalkv2_instance &in)
 {
-	return zalk_path(buf, sizeof(buf), "/var/run/zalkv2/%d", in.ring_id);
+	return zalk_path(buf, sizeof(buf), "%s/%d", sc::ROOT, in.ring_id);
 }
 
 char *port_dir(char (&buf)[STATUS_PATH_MAX], const zalkv2_instance &in, const zalkv2_port &p)
 {
-	return zalk_path(buf, sizeof(buf), "/var/run/zalkv2/%d/%.16s", in.ring_id, p.name);
+	return zalk_path(buf, sizeof(buf), "%s/%d/%.16s", sc::ROOT, in.ring_id, p.name);
 }
 
 // 0 when the directory is there or was made.
@@ -218,8 +223,8 @@ void write_changed_number(const char *dir, int dirfd, const char *name, long num
 void write_topology_files(int ins, const char *dir, int dirfd)
 {
 	ring_texts &last = last_written[ins];
-	write_changed_number(dir, dirfd, "tc_count", as_number(instances[ins].tc_count), last.tc_count);
-	write_changed_number(dir, dirfd, "tc_jiffies", os_uptime(), last.tc_jiffies);
+	write_changed_number(dir, dirfd, sc::TC_COUNT, as_number(instances[ins].tc_count), last.tc_count);
+	write_changed_number(dir, dirfd, sc::TC_JIFFIES, os_uptime(), last.tc_jiffies);
 }
 
 void write_port_state_files(int ins, int port)
@@ -232,9 +237,9 @@ void write_port_state_files(int ins, int port)
 	port_dir(dir, in, p);
 	int fd = dirs[ins].port[port].get();
 	status_file(&last)[3] = last_written[ins].port[port];
-	write_changed_number(dir, fd, "link", as_number(p.link), last[0]);
-	write_changed(dir, fd, "logical_state", zalk_logical_state_name(zalk_port_logical_state(ins, port)), last[1]);
-	write_changed(dir, fd, "physical_state", zalk_port_state_name(p.state), last[2]);
+	write_changed_number(dir, fd, sc::LINK, as_number(p.link), last[0]);
+	write_changed(dir, fd, sc::LOGICAL_STATE, zalk_logical_state_name(zalk_port_logical_state(ins, port)), last[1]);
+	write_changed(dir, fd, sc::PHYSICAL_STATE, zalk_port_state_name(p.state), last[2]);
 }
 
 // The files of a ring state change: state, the topology counter and both
@@ -245,7 +250,7 @@ void write_ring_state_files(int ins)
 	char dir[STATUS_PATH_MAX];
 	instance_dir(dir, in);
 	int fd = dirs[ins].instance.get();
-	write_changed(dir, fd, "state", zalk_ring_state_name(in.ring_state, false), last_written[ins].state);
+	write_changed(dir, fd, sc::STATE, zalk_ring_state_name(in.ring_state, false), last_written[ins].state);
 	write_topology_files(ins, dir, fd);
 	for (int port = PORT_A; port <= PORT_B; port++)
 		write_port_state_files(ins, port);
@@ -326,14 +331,14 @@ int zalk_status_setup(int ins)
 	const int fd = open_dirs.instance.get();
 
 	if (in.role == RING_TYPE_FOCAL) {
-		write_status_file(dir, fd, "type", "focal-point");
+		write_status_file(dir, fd, sc::TYPE, sc::type_texts[RING_TYPE_FOCAL]);
 		// Single precision on purpose: 10 ms configured reads back as 10.
 		float ms = in.ring_interval * 1000.0f;
-		write_number_at(dir, fd, "ring-interval", (long)(int32_t)ms);
+		write_number_at(dir, fd, sc::RING_INTERVAL, (long)(int32_t)ms);
 	} else {
-		write_status_file(dir, fd, "type", "member");
+		write_status_file(dir, fd, sc::TYPE, sc::type_texts[RING_TYPE_MEMBER]);
 	}
-	write_number_at(dir, fd, "ring-id", in.ring_id);
+	write_number_at(dir, fd, sc::RING_ID, in.ring_id);
 	in.tc_count = 0;
 	write_topology_files(ins, dir, fd);
 
@@ -346,8 +351,8 @@ int zalk_status_setup(int ins)
 			continue;
 		open_dirs.port[port].open_dir(pdir);
 		const int pfd = open_dirs.port[port].get();
-		write_number_at(pdir, pfd, "hello_time", as_number(p.hello_time_ms));
-		write_status_file(pdir, pfd, "hello_ena", p.hello_enable ? "yes" : "no");
+		write_number_at(pdir, pfd, sc::HELLO_TIME, as_number(p.hello_time_ms));
+		write_status_file(pdir, pfd, sc::HELLO_ENA, sc::hello_ena_texts[p.hello_enable ? 1 : 0]);
 	}
 	return 0;
 }

@@ -23,7 +23,7 @@
 #include "frames/linkmon.h"
 #include "frames/sockets.h"
 #include "ring/channel.h"
-#include "status/status.h"
+#include "status/files.h"
 
 namespace {
 
