@@ -22,7 +22,7 @@ unsigned read_debug_file()
 {
 	char path[160];
 	unsigned long level = 0;
-	if (read_number_file(zalk_path(path, sizeof(path), "/var/run/zalkv2/debug"), &level))
+	if (read_number_file(zalk_path(path, sizeof(path), "/var/run/zalkv2/debug"), &level, false))
 		return 0;
 	return (unsigned)level;
 }
@@ -64,7 +64,7 @@ bool signal_on_change(int fd)
 
 constexpr uint32_t DIR_EVENTS = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_FROM |
 				IN_MOVED_TO | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
-constexpr uint32_t FILE_EVENTS = IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
+constexpr uint32_t FILE_EVENTS = IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_DONT_FOLLOW;
 
 // True when any change was queued; empties the queue.
 bool changes_queued()

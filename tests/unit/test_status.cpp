@@ -51,7 +51,7 @@ TEST_F(Status, FailuresAreLoggedWithTheRealPathAndTreesRemoved)
 	fake::write_file("/var/run/zalkv2", "x"); // a file in place of the root directory
 	EXPECT_EQ(zalk_status_setup(0), 1);
 	EXPECT_EQ(write_number_file(top.c_str(), "tc_count", 1), -1);
-	EXPECT_EQ(errors(), (Lines{"Could not create directory " + top + "/3\n\n", "ERROR: Not a directory Could not create file " + top + "/tc_count\n"}));
+	EXPECT_EQ(errors(), (Lines{"Could not create directory " + top + "\n\n", "ERROR: Not a directory Could not create file " + top + "/tc_count\n"}));
 	EXPECT_EQ(write_number_file(fake::root().c_str(), "n", -42), 0);
 	EXPECT_EQ(fake::read_file("/n"), "-42");
 
