@@ -246,15 +246,31 @@ std::vector<Ring> read_tree(const char *only)
 	return rings;
 }
 
+// True when a file of the ring's directory is there but empty: the daemon
+// made it and could not write its value.
+bool has_empty_file(long id)
+{
+	std::string dir = std::string(root) + "/" + std::to_string(id) + "/";
+	struct stat st;
+	for (const char *name : {sc::TYPE, sc::STATE, sc::TC_COUNT, sc::TC_JIFFIES})
+		if (stat((dir + name).c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size == 0)
+			return true;
+	return false;
+}
+
 // Rings whose files are not all there yet make the exit status 1.
 int report_incomplete(const std::vector<Ring> &rings)
 {
 	int status = OK;
 	for (auto &r : rings) {
-		if (!r.complete()) {
+		if (r.complete())
+			continue;
+		if (has_empty_file(r.id))
+			fprintf(stderr, "zalkctl: ring %ld: status files empty (the daemon could not write them: /run full?)\n",
+				r.id);
+		else
 			fprintf(stderr, "zalkctl: ring %ld: status incomplete (being set up or torn down?)\n", r.id);
-			status = FAILED;
-		}
+		status = FAILED;
 	}
 	return status;
 }
