@@ -13,6 +13,7 @@
 #include <poll.h>
 #include <sys/stat.h>
 #include <syslog.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include "bridge/netlink_ops.h"
@@ -377,6 +378,19 @@ TEST(Spawn, SbinToolsAreFoundWithAnyPath)
 		static_cast<std::vector<std::string> *>(v)->push_back(l);
 	}, &lines), 3);
 	EXPECT_EQ(lines, (std::vector<std::string>{"one", "two"}));
+
+	// Started at the daemon's real-time priority, a command runs at normal
+	// priority.
+	struct sched_param fifo = {49}, other = {0};
+	if (sched_setscheduler(0, SCHED_FIFO, &fifo) == 0) {
+		lines.clear();
+		char show[] = "chrt -p $$ >&2", *chrt[] = {prog, c, show, nullptr};
+		os_spawn_input(chrt, "", 0, [](const char *l, void *v) {
+			static_cast<std::vector<std::string> *>(v)->push_back(l);
+		}, &lines);
+		sched_setscheduler(0, SCHED_OTHER, &other);
+		EXPECT_NE(lines.at(0).find("SCHED_OTHER"), std::string::npos) << lines.at(0);
+	}
 }
 
 } // namespace
