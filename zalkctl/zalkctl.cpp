@@ -246,16 +246,19 @@ std::vector<Ring> read_tree(const char *only)
 	return rings;
 }
 
-// True when a file of the ring's directory is there but empty: the daemon
-// made it and could not write its value.
+// True when the ring's files are all there but some stay empty (they were
+// read again): the daemon made them and could not write their values.
 bool has_empty_file(long id)
 {
 	std::string dir = std::string(root) + "/" + std::to_string(id) + "/";
 	struct stat st;
-	for (const char *name : {sc::TYPE, sc::STATE, sc::TC_COUNT, sc::TC_JIFFIES})
-		if (stat((dir + name).c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size == 0)
-			return true;
-	return false;
+	bool empty = false;
+	for (const char *name : {sc::TYPE, sc::STATE, sc::TC_COUNT, sc::TC_JIFFIES}) {
+		if (stat((dir + name).c_str(), &st))
+			return false; // still being set up
+		empty |= st.st_size == 0;
+	}
+	return empty;
 }
 
 // Rings whose files are not all there yet make the exit status 1.
