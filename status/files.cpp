@@ -54,6 +54,7 @@ struct identity {
 	off_t size = -1;
 	struct timespec ctime = {};
 	void take(const struct stat &st) { *this = {st.st_dev, st.st_ino, st.st_size, st.st_ctim}; }
+	bool same_node(const struct stat &st) const { return st.st_dev == dev && st.st_ino == ino; }
 	bool same(const struct stat &st) const
 	{
 		return st.st_dev == dev && st.st_ino == ino && st.st_size == size &&
@@ -260,11 +261,12 @@ void want(ring_tree &t, int f, const char *text)
 
 void want_number(ring_tree &t, int f, long number) { want(t, f, number_text(number).s); }
 
-// Is the directory still the one the daemon holds, at its path?
+// Is the directory still the one the daemon holds, at its path? (Its
+// change time moves with every file made in it, the daemon's too.)
 bool dir_in_place(int at, const char *name, const status_dir &d)
 {
 	struct stat st;
-	return d.fd >= 0 && fstatat(at, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && d.id.same(st);
+	return d.fd >= 0 && fstatat(at, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && d.id.same_node(st);
 }
 
 // The directories of the instance, checked and made again where they were
