@@ -29,7 +29,7 @@ unsigned read_debug_file()
 
 // The level as last read, and the kernel's word on whether the file may
 // have changed since: the directory (for the file appearing, going or
-// being replaced) and the file itself (written through a link too) are
+// being replaced) and the file itself (never through a link: a link there reads as level 0) are
 // watched with inotify, and the inotify descriptor raises SIGIO when it
 // gets an event. The kernel queues the event and signals us before the
 // writer's write returns (interrupting us where we run on another
