@@ -3,7 +3,7 @@
 #include "bridge/backup.h"
 
 #include "daemon/instance.h"
-#include "daemon/util.h"
+#include "daemon/commands.h"
 #include "status/status.h"
 
 int zalkv2_setup_buddy_ports(int ins, int add)

@@ -16,7 +16,7 @@
 #include "daemon/configure.h"
 #include "daemon/instance.h"
 #include "daemon/os.h"
-#include "daemon/util.h"
+#include "daemon/commands.h"
 #include "frames/frames.h"
 #include "status/status.h"
 

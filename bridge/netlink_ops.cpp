@@ -10,8 +10,9 @@
 #include <net/if.h>
 
 #include "daemon/os.h"
-#include "daemon/util.h"
+#include "daemon/commands.h"
 #include "frames/frames.h"
+#include "status/names.h"
 #include "status/status.h"
 
 struct rtnl_handle bridge_rth = {-1};

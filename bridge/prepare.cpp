@@ -17,6 +17,7 @@
 #include "daemon/daemon.h"
 #include "daemon/instance.h"
 #include "daemon/os.h"
+#include "daemon/commands.h"
 #include "daemon/util.h"
 #include "status/status.h"
 

@@ -23,6 +23,7 @@
 #include "ring/focal.h"
 #include "ring/member.h"
 #include "ring/ports.h"
+#include "status/files.h"
 #include "status/status.h"
 
 namespace {

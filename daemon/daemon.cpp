@@ -2,6 +2,7 @@
 // real-time priority, shutdown, and the two links to the version-0 daemon.
 #include "daemon/daemon.h"
 
+#include <array> // before libite: its min and max macros break the C++ headers
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -23,6 +24,8 @@
 #include "ring/channel.h"
 #include "ring/focal.h"
 #include "ring/member.h"
+#include "status/files.h"
+#include "status/report.h"
 #include "status/status.h"
 
 namespace {

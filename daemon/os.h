@@ -48,10 +48,11 @@ unsigned os_if_nametoindex(const char *name);
 char *os_if_indextoname(unsigned ifindex, char *name);
 int os_ioctl(int fd, unsigned long request, void *arg); // SIOCGIFHWADDR, SIOCGIFFLAGS
 
-// External commands: argv[0] is looked up in PATH, then in the system's
-// bin and sbin directories, and run directly, never through a shell. Returns the exit status (0..255), a value above
-// 255 when the program died of a signal, or -1 with errno set when it
-// could not be started at all.
+// External commands: argv[0] is looked up in the system's directories
+// (/usr/sbin, /sbin, /usr/bin, /bin), then in PATH, and run directly,
+// never through a shell, at normal scheduling priority. Returns the exit
+// status (0..255), a value above 255 when the program died of a signal,
+// or -1 with errno set when it could not be started at all.
 int os_spawn(char *const argv[]);
 
 // Like os_spawn, with the given text as the program's standard input;
@@ -60,7 +61,9 @@ int os_spawn(char *const argv[]);
 int os_spawn_input(char *const argv[], const char *input, size_t len,
 		   void (*on_line)(const char *line, void *ctx), void *ctx);
 
-// popen/pclose, used only for the fixed command "runlevel".
+// popen/pclose for the fixed command "runlevel": one program name, found
+// in PATH first, then the system's directories, started at normal
+// priority like os_spawn's commands, its standard output to be read.
 FILE *os_popen(const char *command, const char *mode);
 int os_pclose(FILE *f);
 

@@ -87,12 +87,12 @@ int os_ioctl(int fd, unsigned long request, void *arg) { return ioctl(fd, reques
 
 namespace {
 
-// Where a bare program name is looked for. `tc` and `bridge` live in
-// /usr/sbin, which the C library's default search path (used when PATH is
-// unset) leaves out, and which init systems and su without a login shell
-// often leave out of PATH too. So the PATH given is searched first (an
-// operator's choice of tools wins) and the system directories after it.
-constexpr const char *system_path = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+// Where a bare program name is looked for: the system's own directories
+// first, then PATH. `tc` and `bridge` act on the switch's bridge as root,
+// so a PATH inherited from whoever started the daemon (a shell with ~/bin
+// or . in it, an init system's) must not choose them; /usr/sbin, which the
+// C library's default search path leaves out, is searched too.
+constexpr const char *system_path = "/usr/sbin:/sbin:/usr/bin:/bin";
 
 bool is_program(const char *path)
 {
@@ -120,31 +120,54 @@ bool find_in(const char *dirs, const char *prog, char (&out)[PATH_MAX])
 namespace {
 
 // The program to start for argv[0]: a name with a slash as it is, else
-// the first one on PATH, then on the system's own directories. nullptr
-// with errno ENOENT when there is none.
-const char *program_path(const char *prog, char (&path)[PATH_MAX])
+// the first one in the system's directories, then on PATH (PATH first
+// with path_first). nullptr with errno ENOENT when there is none.
+const char *program_path(const char *prog, char (&path)[PATH_MAX], bool path_first)
 {
 	if (strchr(prog, '/'))
 		return prog;
-	if (find_in(getenv("PATH"), prog, path) || find_in(system_path, prog, path))
+	const char *first = path_first ? getenv("PATH") : system_path;
+	const char *then = path_first ? system_path : getenv("PATH");
+	if (find_in(first, prog, path) || find_in(then, prog, path))
 		return path;
 	errno = ENOENT;
 	return nullptr;
 }
 
-// Starts the program and waits for it; the exit status, 256 + the signal
-// that ended it, or -1 with errno when it could not be started.
-int spawn_and_wait(char *const argv[], const posix_spawn_file_actions_t *fa)
+// Starts the program as any program of the system starts: at normal
+// scheduling priority (the daemon's SCHED_FIFO is for its loop, not for
+// `tc`), with no signal blocked and every signal at its default action.
+// The pid, or -1 with errno.
+pid_t start_program(char *const argv[], const posix_spawn_file_actions_t *fa, bool path_first = false)
 {
 	char path[PATH_MAX];
-	const char *prog = program_path(argv[0], path);
+	const char *prog = program_path(argv[0], path, path_first);
 	if (!prog)
 		return -1;
+	posix_spawnattr_t attr;
+	posix_spawnattr_init(&attr);
+	struct sched_param sp {};
+	sigset_t none, all;
+	sigemptyset(&none);
+	sigfillset(&all);
+	posix_spawnattr_setschedpolicy(&attr, SCHED_OTHER);
+	posix_spawnattr_setschedparam(&attr, &sp);
+	posix_spawnattr_setsigmask(&attr, &none);
+	posix_spawnattr_setsigdefault(&attr, &all);
+	posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSCHEDULER | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 	pid_t pid;
-	if (int err = posix_spawn(&pid, prog, fa, nullptr, argv, environ)) {
+	int err = posix_spawn(&pid, prog, fa, &attr, argv, environ);
+	posix_spawnattr_destroy(&attr);
+	if (err) {
 		errno = err;
 		return -1;
 	}
+	return pid;
+}
+
+// The exit status, 256 + the signal that ended it, or -1 with errno.
+int wait_program(pid_t pid)
+{
 	int status;
 	while (waitpid(pid, &status, 0) < 0) {
 		if (errno != EINTR)
@@ -153,6 +176,12 @@ int spawn_and_wait(char *const argv[], const posix_spawn_file_actions_t *fa)
 	if (WIFEXITED(status))
 		return WEXITSTATUS(status);
 	return 256 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+}
+
+int spawn_and_wait(char *const argv[], const posix_spawn_file_actions_t *fa)
+{
+	const pid_t pid = start_program(argv, fa);
+	return pid < 0 ? -1 : wait_program(pid);
 }
 
 } // namespace
@@ -238,15 +267,46 @@ int os_spawn_input(char *const argv[], const char *input, size_t len,
 	return status;
 }
 
-FILE *os_popen(const char *command, const char *mode) { return popen(command, mode); }
+namespace {
+pid_t reader_pid = -1;
+}
 
-int os_pclose(FILE *f) { return pclose(f); }
+// The command is one program name, started as os_spawn starts it (no
+// shell), its standard output read through a pipe. It is looked up in
+// PATH first, as the shell of popen did: `runlevel` only reports, and a
+// machine without a runlevel of its own (the rig's guest) provides one
+// there.
+FILE *os_popen(const char *command, const char *mode)
+{
+	int fds[2];
+	if (strcmp(mode, "r") || pipe2(fds, O_CLOEXEC))
+		return nullptr;
+	posix_spawn_file_actions_t fa;
+	posix_spawn_file_actions_init(&fa);
+	posix_spawn_file_actions_adddup2(&fa, fds[1], 1);
+	char *argv[] = {const_cast<char *>(command), nullptr};
+	reader_pid = start_program(argv, &fa, true);
+	posix_spawn_file_actions_destroy(&fa);
+	close(fds[1]);
+	FILE *f = reader_pid < 0 ? nullptr : fdopen(fds[0], "r");
+	if (!f)
+		close(fds[0]);
+	return f;
+}
+
+int os_pclose(FILE *f)
+{
+	fclose(f);
+	return wait_program(reader_pid);
+}
 
 int os_sched_setscheduler(int policy, int priority)
 {
 	struct sched_param sp {};
 	sp.sched_priority = priority;
-	return sched_setscheduler(0, policy, &sp);
+	// Whatever a child is started by (the C library's own helpers too),
+	// it does not inherit the real-time policy or a negative nice value.
+	return sched_setscheduler(0, policy | SCHED_RESET_ON_FORK, &sp);
 }
 
 int os_kill(pid_t pid, int sig) { return kill(pid, sig); }

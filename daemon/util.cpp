@@ -1,20 +1,27 @@
 #include "daemon/util.h"
 
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <libite/lite.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "daemon/os.h"
-#include "status/status.h"
 
-int read_line_file(const char *path, char *buf, size_t size)
+int read_line_file(const char *path, char *buf, size_t size, bool follow)
 {
-	FILE *f = fopen(path, "r");
-	if (!f)
+	int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | (follow ? 0 : O_NOFOLLOW));
+	struct stat st;
+	if (fd < 0)
 		return 1;
+	FILE *f = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? fdopen(fd, "r") : nullptr;
+	if (!f) {
+		close(fd);
+		return 1;
+	}
 	char *line = fgets(buf, (int)size, f);
 	fclose(f);
 	if (!line)
@@ -23,10 +30,10 @@ int read_line_file(const char *path, char *buf, size_t size)
 	return 0;
 }
 
-int read_number_file(const char *path, unsigned long *out)
+int read_number_file(const char *path, unsigned long *out, bool follow)
 {
 	char line[32];
-	if (read_line_file(path, line, sizeof(line)))
+	if (read_line_file(path, line, sizeof(line), follow))
 		return 1;
 	*out = strtoul(line, nullptr, 0);
 	return 0;
@@ -42,73 +49,4 @@ char *zalk_path(char *buf, size_t size, const char *fmt, ...)
 	vsnprintf(buf + n, size - n, fmt, ap);
 	va_end(ap);
 	return buf;
-}
-
-void zalk_command::piece(const char *p, size_t n, bool split)
-{
-	int t = snprintf(text_ + text_len_, sizeof(text_) - text_len_, "%s%.*s", text_len_ ? " " : "", (int)n, p);
-	if (t < 0 || (size_t)t >= sizeof(text_) - text_len_) {
-		overflow_ = true;
-		return;
-	}
-	text_len_ += (size_t)t;
-	do {
-		size_t len = n;
-		if (split) {
-			while (n && *p == ' ')
-				p++, n--;
-			len = 0;
-			while (len < n && p[len] != ' ')
-				len++;
-			if (!len)
-				return;
-		}
-		if (argc_ == max_words || words_len_ + len + 1 > sizeof(words_)) {
-			overflow_ = true;
-			return;
-		}
-		argv_[argc_++] = (char *)memcpy(words_ + words_len_, p, len);
-		words_[words_len_ + len] = 0;
-		words_len_ += len + 1;
-		p += len, n -= len;
-	} while (n);
-}
-
-zalk_command &zalk_command::fixed(const char *words)
-{
-	piece(words, strlen(words), true);
-	return *this;
-}
-
-zalk_command &zalk_command::name(const char *value, size_t max)
-{
-	piece(value, strnlen(value, max), false);
-	return *this;
-}
-
-zalk_command &zalk_command::number(long value)
-{
-	char buf[24];
-	return name(buf, (size_t)snprintf(buf, sizeof(buf), "%ld", value));
-}
-
-int zalk_command::run()
-{
-	// A cut command could do something else than the one asked for:
-	// refuse it rather than run a part of it.
-	if (overflow_) {
-		zlog(LOG_ERR, "Command too long, not run: %.64s...\n", text_);
-		return 127;
-	}
-	if (!argc_)
-		return 127;
-	argv_[argc_] = nullptr;
-	// Told apart from the tool's own failure by this line: the tool never
-	// ran, so there is no status of its own to report.
-	int st = os_spawn(argv_);
-	if (st < 0) {
-		zlog(LOG_ERR, "Could not start command %s: %s\n", text_, strerror(errno));
-		return 127;
-	}
-	return st;
 }

@@ -9,6 +9,7 @@
 #include "frames/frames.h"
 #include "frames/sockets.h"
 #include "ring/channel.h"
+#include "status/names.h"
 #include "status/status.h"
 
 namespace {

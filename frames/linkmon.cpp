@@ -17,6 +17,7 @@
 #include "frames/hello.h"
 #include "frames/sockets.h"
 #include "ring/channel.h"
+#include "status/files.h"
 #include "status/status.h"
 
 struct rtnl_handle link_rth = {.fd = -1};

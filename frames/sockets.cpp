@@ -17,7 +17,10 @@
 #include "frames/hello.h"
 #include "ring/channel.h"
 #include "ring/link.h"
+#include "status/names.h"
 #include "status/status.h"
+
+static_assert(zalk_names::frame_types.size() == ZALK_TRIG + 1, "a name for every frame type");
 
 int send_sock = -1;
 

@@ -10,7 +10,10 @@
 
 #include "daemon/instance.h"
 #include "ring/dispatch.h"
+#include "status/names.h"
 #include "status/status.h"
+
+static_assert(zalk_names::events.size() == SM_EVENT_MAX + 1, "a name for every event code");
 
 ev_io sm_watcher;
 

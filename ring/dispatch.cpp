@@ -13,6 +13,9 @@
 #include "ring/focal.h"
 #include "ring/link.h"
 #include "ring/member.h"
+#include "status/eventlog.h"
+#include "status/files.h"
+#include "status/names.h"
 #include "status/status.h"
 
 namespace {

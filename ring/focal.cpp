@@ -14,6 +14,9 @@
 #include "ring/dispatch.h"
 #include "ring/link.h"
 #include "ring/ports.h"
+#include "status/eventlog.h"
+#include "status/files.h"
+#include "status/names.h"
 #include "status/status.h"
 
 uint32_t miss_count[10][2];

@@ -11,6 +11,7 @@
 #include "ring/dispatch.h"
 #include "ring/focal.h"
 #include "ring/member.h"
+#include "status/names.h"
 #include "status/status.h"
 
 namespace {

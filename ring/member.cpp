@@ -16,6 +16,9 @@
 #include "ring/channel.h"
 #include "ring/link.h"
 #include "ring/ports.h"
+#include "status/eventlog.h"
+#include "status/files.h"
+#include "status/names.h"
 #include "status/status.h"
 
 ev_timer member_timer;

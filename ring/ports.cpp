@@ -14,6 +14,7 @@
 #include "bridge/netlink_ops.h"
 #include "daemon/instance.h"
 #include "ring/link.h"
+#include "status/names.h"
 #include "status/status.h"
 
 namespace {

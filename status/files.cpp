@@ -3,87 +3,117 @@
 //
 // Paths are formed below the OS root (zalk_path), and log lines name the
 // path as actually used, so a message always points at the real file.
+//
+// The tree is the daemon's, but a root shell, a script or an earlier
+// daemon started under another umask may have touched it. So:
+// - modes are set explicitly, whatever the umask: directories 0755, files
+//   0644;
+// - nothing is written or removed through a symbolic link: files are
+//   opened relative to their directory's descriptor with O_NOFOLLOW (and
+//   O_NONBLOCK, so a FIFO cannot stop the loop), and a link, FIFO, device
+//   or second name of another file standing at a file's path is removed
+//   and the file made anew;
+// - every update leaves each file holding the daemon's text at its path,
+//   whoever changed, removed or renamed it since: the daemon remembers the
+//   text of every file and the identity of what it wrote (device, inode,
+//   size, change time, which any write, chmod, link or rename of the file
+//   moves on), checks each with one fstatat and rewrites only the files
+//   that changed or whose text is new; the directories are checked the
+//   same way;
+// - a write that failed (a full /run) is made again by a retry every 5 s
+//   until the tree is whole, so it heals by itself without a ring event.
+#include "status/files.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <initializer_list>
-#include <fcntl.h>
-#include <unistd.h>
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "bridge/prepare.h"
 #include "daemon/instance.h"
 #include "daemon/os.h"
 #include "daemon/util.h"
+#include "status/names.h"
 #include "status/status.h"
 
 namespace {
 
+namespace sc = zalk_schema;
+
 constexpr size_t STATUS_PATH_MAX = 160;
+constexpr mode_t DIR_MODE = 0755, FILE_MODE = 0644;
+constexpr double RETRY_S = 5.0;
 
-// A descriptor that closes itself.
-class owned_fd {
-public:
-	owned_fd() = default;
-	owned_fd(const owned_fd &) = delete;
-	owned_fd &operator=(const owned_fd &) = delete;
-	~owned_fd() { reset(); }
-	void open_dir(const char *path) { reset(open(path, O_PATH | O_DIRECTORY | O_CLOEXEC)); }
-	void reset(int fd = -1)
+// What a file or directory was when the daemon last wrote or made it.
+struct identity {
+	dev_t dev = 0;
+	ino_t ino = 0;
+	off_t size = -1;
+	struct timespec ctime = {};
+	void take(const struct stat &st) { *this = {st.st_dev, st.st_ino, st.st_size, st.st_ctim}; }
+	bool same_node(const struct stat &st) const { return st.st_dev == dev && st.st_ino == ino; }
+	bool same(const struct stat &st) const
 	{
-		if (fd_ >= 0)
-			close(fd_);
-		fd_ = fd;
+		return st.st_dev == dev && st.st_ino == ino && st.st_size == size &&
+		       st.st_ctim.tv_sec == ctime.tv_sec && st.st_ctim.tv_nsec == ctime.tv_nsec;
 	}
-	int get() const { return fd_; }
-
-private:
-	int fd_ = -1;
 };
 
-// The instance and port directories stay open from set-up to removal, so
-// a rewrite names its file relative to them instead of walking the whole
-// path for every file of every update.
-struct status_dirs {
-	owned_fd instance;
-	owned_fd port[2];
+// A directory of the tree, open from set-up to removal.
+struct status_dir {
+	int fd = -1;
+	identity id;
+	void close_dir()
+	{
+		if (fd >= 0)
+			close(fd);
+		fd = -1;
+	}
 };
-status_dirs dirs[ZALK_MAX_INSTANCES];
 
-// The files of a ring state change stay open from their first write, and
-// each keeps the text it got then. The daemon is the tree's only writer,
-// so a file whose new text equals the last one already holds it: a state
-// change then writes only what changed (typically the state, the counter
-// and one port's files rather than nine), each with a truncation and a
-// write on the open file instead of a path lookup, an open and a close.
-// A file removed behind our back is made anew at its next change. Set-up
-// (of a new ring, or again for the status report) and removal close an
-// instance's files and forget their texts, so the first update after a
-// set-up writes every file.
+// One file: the daemon's text for it and whether it is at its path.
 struct status_file {
-	owned_fd fd;
+	const char *name;
+	int dir; // DIR_RING, or DIR_PORT + port
 	char text[24];
-	bool known;
-	void forget()
-	{
-		fd.reset();
-		known = false;
-	}
+	bool wanted;  // the daemon has a text for this file
+	bool written; // id says what the daemon wrote there
+	bool failed;  // the last write failed (reported once)
+	identity id;
 };
-struct ring_texts {
-	status_file state, tc_count, tc_jiffies;
-	status_file port[2][3]; // link, logical_state, physical_state
-	void forget()
-	{
-		for (status_file *f : {&state, &tc_count, &tc_jiffies})
-			f->forget();
-		for (auto &files : port)
-			for (status_file &f : files)
-				f.forget();
-	}
+
+enum { DIR_RING = 0, DIR_PORT = 1 };
+enum ring_file { F_TYPE, F_INTERVAL, F_RING_ID, F_TC_COUNT, F_TC_JIFFIES, F_STATE, RING_FILES };
+enum port_file { F_HELLO_TIME, F_HELLO_ENA, F_LINK, F_LOGICAL, F_PHYSICAL, PORT_FILES };
+constexpr int FILES = RING_FILES + 2 * PORT_FILES;
+
+struct ring_tree {
+	status_dir dirs[3]; // the ring's, port A's, port B's
+	status_file files[FILES];
+	bool failing; // some file could not be written: the retry timer runs
 };
-ring_texts last_written[ZALK_MAX_INSTANCES];
+ring_tree trees[ZALK_MAX_INSTANCES];
+
+int file_index(int port, port_file f) { return RING_FILES + port * PORT_FILES + f; }
+
+void forget(ring_tree &t)
+{
+	static constexpr const char *ring_names[RING_FILES] = {sc::TYPE,     sc::RING_INTERVAL, sc::RING_ID,
+							       sc::TC_COUNT, sc::TC_JIFFIES,    sc::STATE};
+	static constexpr const char *port_names[PORT_FILES] = {sc::HELLO_TIME, sc::HELLO_ENA, sc::LINK,
+							       sc::LOGICAL_STATE, sc::PHYSICAL_STATE};
+	for (status_dir &d : t.dirs)
+		d.close_dir();
+	for (int i = 0; i < FILES; i++) {
+		t.files[i] = {};
+		t.files[i].name = i < RING_FILES ? ring_names[i] : port_names[(i - RING_FILES) % PORT_FILES];
+		t.files[i].dir = i < RING_FILES ? DIR_RING : DIR_PORT + (i - RING_FILES) / PORT_FILES;
+	}
+	t.failing = false;
+}
 
 // Ring state changes whose files are still to be written, and how many
 // batches are open (see zalk_status_batch).
@@ -96,6 +126,10 @@ int batch_depth;
 // runs only when nothing else is pending) and writes them after its
 // frames; when not, the idle watcher writes them.
 ev_idle later_watcher;
+// Runs while some file could not be written; its passes do not report
+// again what has been reported.
+ev_timer retry_watcher;
+bool retrying;
 
 void later_cb(struct ev_loop *loop, ev_idle *w, int)
 {
@@ -103,27 +137,46 @@ void later_cb(struct ev_loop *loop, ev_idle *w, int)
 	zalk_status_flush();
 }
 
-char *root_dir(char (&buf)[STATUS_PATH_MAX]) { return zalk_path(buf, sizeof(buf), "/var/run/zalkv2"); }
+char *root_dir(char (&buf)[STATUS_PATH_MAX]) { return zalk_path(buf, sizeof(buf), "%s", sc::ROOT); }
 
 char *instance_dir(char (&buf)[STATUS_PATH_MAX], const zalkv2_instance &in)
 {
-	return zalk_path(buf, sizeof(buf), "/var/run/zalkv2/%d", in.ring_id);
+	return zalk_path(buf, sizeof(buf), "%s/%d", sc::ROOT, in.ring_id);
 }
 
 char *port_dir(char (&buf)[STATUS_PATH_MAX], const zalkv2_instance &in, const zalkv2_port &p)
 {
-	return zalk_path(buf, sizeof(buf), "/var/run/zalkv2/%d/%.16s", in.ring_id, p.name);
+	return zalk_path(buf, sizeof(buf), "%s/%d/%.16s", sc::ROOT, in.ring_id, p.name);
 }
 
-// 0 when the directory is there or was made.
-int make_dir(const char *path)
+// Opens the directory at name (relative to at) without following a link,
+// making it first where it is missing, and gives it mode 0755. -1 when
+// there is no directory there; the caller logs.
+int open_dir(int at, const char *name)
 {
+	constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+	int fd = openat(at, name, flags);
+	if (fd < 0 && errno == ENOENT && mkdirat(at, name, DIR_MODE) == 0)
+		fd = openat(at, name, flags);
 	struct stat st;
-	if (stat(path, &st) == 0)
+	if (fd >= 0 && fstat(fd, &st) == 0 && (st.st_mode & 07777) != DIR_MODE)
+		fchmod(fd, DIR_MODE);
+	return fd;
+}
+
+// 0 when the directory at path is there or was made; d holds it open.
+int make_dir(const char *path, int at, const char *name, status_dir &d)
+{
+	d.close_dir();
+	d.fd = open_dir(at, name);
+	struct stat st;
+	if (d.fd >= 0 && fstat(d.fd, &st) == 0) {
+		d.id.take(st);
 		return 0;
-	if (mkdir(path, 0777) == 0)
-		return 0;
-	zlog(LOG_ERR, "Could not create directory %s\n\n", path);
+	}
+	d.close_dir();
+	if (!retrying)
+		zlog(LOG_ERR, "Could not create directory %s\n\n", path);
 	return 1;
 }
 
@@ -133,60 +186,61 @@ long as_number(uint32_t v) { return (long)(int32_t)v; }
 // Files are rewritten in place, not renamed into place: each holds one
 // short value written with one call, so a reader that meets the moment of
 // truncation sees an empty file and simply reads again, and no temporary
-// file is ever left behind in the tree. Writes go without stdio's buffer
-// and status call.
+// file is ever left behind in the tree. Writes go without stdio.
 //
-// With the directory open (dirfd not -1) the file is opened relative to
-// it; should that fail (the directory was replaced behind our back), the
-// full path is tried as before. Logs and returns -1 when neither opens.
-int open_status_file(const char *dir, int dirfd, const char *name)
+// Opens name in the directory at (a descriptor, or AT_FDCWD for a full
+// path) for writing, never through a link and never into a file that is
+// not the daemon's alone: whatever else stands there is removed first.
+int open_status_file(int at, const char *name)
 {
-	constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
-	int fd = dirfd >= 0 ? openat(dirfd, name, flags, 0666) : -1;
-	if (fd < 0) {
-		char path[STATUS_PATH_MAX + 32]; // a directory path and a short file name
-		snprintf(path, sizeof(path), "%s/%s", dir, name);
-		fd = open(path, flags, 0666);
-		if (fd < 0)
-			zlog(LOG_ERR, "ERROR: %s Could not create file %s\n", strerror(errno), path);
+	constexpr int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+	for (int attempt = 0; attempt < 2; attempt++) {
+		int fd = openat(at, name, attempt ? flags | O_EXCL : flags, FILE_MODE);
+		struct stat st;
+		if (fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink == 1) {
+			if ((st.st_mode & 07777) != FILE_MODE)
+				fchmod(fd, FILE_MODE);
+			return fd;
+		}
+		if (fd >= 0) {
+			close(fd);
+			errno = EEXIST;
+		} else if (errno != ELOOP && errno != ENXIO) {
+			return -1; // nothing there to remove: no directory, no space
+		}
+		if (attempt || unlinkat(at, name, 0))
+			return -1;
 	}
-	return fd;
-}
-
-// The text, at the start of an open and empty file.
-int put_text(int fd, const char *dir, const char *name, const char *text)
-{
-	const size_t len = strlen(text);
-	const ssize_t n = pwrite(fd, text, len, 0);
-	if (n == (ssize_t)len)
-		return 0;
-	char path[STATUS_PATH_MAX + 32];
-	snprintf(path, sizeof(path), "%s/%s", dir, name);
-	zlog(LOG_ERR, "ERROR: %s Could not create file %s\n", strerror(n < 0 ? errno : EIO), path);
 	return -1;
 }
 
-int write_status_file(const char *dir, int dirfd, const char *name, const char *text)
+// Writes text into the file; id then describes what was written. -1 with
+// errno when it could not be written.
+int put_file(int at, const char *name, const char *text, identity *id)
 {
-	const int fd = open_status_file(dir, dirfd, name);
+	const int fd = open_status_file(at, name);
 	if (fd < 0)
 		return -1;
-	const int ret = put_text(fd, dir, name, text);
+	const size_t len = strlen(text);
+	struct stat st;
+	ssize_t n = ftruncate(fd, 0) ? -1 : pwrite(fd, text, len, 0);
+	if (n >= 0 && (size_t)n != len) {
+		n = -1;
+		errno = EIO;
+	}
+	if (n >= 0 && id && fstat(fd, &st) == 0)
+		id->take(st);
+	const int err = errno;
 	close(fd);
-	return ret;
+	errno = err;
+	return n < 0 ? -1 : 0;
 }
 
-// A kept file emptied and written again; opened where it is not open yet
-// or no longer in the tree.
-int rewrite_kept(const char *dir, int dirfd, const char *name, const char *text, status_file &f)
+void report_failure(const char *dir, const char *name)
 {
-	struct stat st;
-	const int kept = f.fd.get();
-	if (kept >= 0 && (fstat(kept, &st) != 0 || st.st_nlink == 0 || ftruncate(kept, 0) != 0))
-		f.fd.reset();
-	if (f.fd.get() < 0)
-		f.fd.reset(open_status_file(dir, dirfd, name));
-	return f.fd.get() < 0 ? -1 : put_text(f.fd.get(), dir, name, text);
+	char path[STATUS_PATH_MAX + 32];
+	snprintf(path, sizeof(path), "%s/%s", dir, name);
+	zlog(LOG_ERR, "ERROR: %s Could not create file %s\n", strerror(errno), path);
 }
 
 // A status number's text.
@@ -195,72 +249,169 @@ struct number_text {
 	explicit number_text(long number) { snprintf(s, sizeof(s), "%ld", number); }
 };
 
-int write_number_at(const char *dir, int dirfd, const char *name, long number)
+void want(ring_tree &t, int f, const char *text)
 {
-	return write_status_file(dir, dirfd, name, number_text(number).s);
+	status_file &file = t.files[f];
+	if (!file.wanted || strcmp(file.text, text)) {
+		snprintf(file.text, sizeof(file.text), "%s", text);
+		file.written = false;
+	}
+	file.wanted = true;
 }
 
-// Writes the file unless it holds the text already.
-void write_changed(const char *dir, int dirfd, const char *name, const char *text, status_file &f)
+void want_number(ring_tree &t, int f, long number) { want(t, f, number_text(number).s); }
+
+// Is the directory still the one the daemon holds, at its path? (Its
+// change time moves with every file made in it, the daemon's too.)
+bool dir_in_place(int at, const char *name, const status_dir &d)
 {
-	if (f.known && strcmp(f.text, text) == 0)
+	struct stat st;
+	return d.fd >= 0 && fstatat(at, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && d.id.same_node(st);
+}
+
+// The directories of the instance, checked and made again where they were
+// removed, renamed or replaced; a directory made again has none of the
+// daemon's files in it. False when the ring's own directory is missing.
+bool place_dirs(int ins)
+{
+	const zalkv2_instance &in = instances[ins];
+	ring_tree &t = trees[ins];
+	char path[STATUS_PATH_MAX];
+	instance_dir(path, in);
+	bool remade[3] = {};
+	if (!dir_in_place(AT_FDCWD, path, t.dirs[DIR_RING])) {
+		char root[STATUS_PATH_MAX];
+		status_dir top;
+		if (make_dir(root_dir(root), AT_FDCWD, root, top))
+			return false;
+		const int failed = make_dir(path, top.fd, strrchr(path, '/') + 1, t.dirs[DIR_RING]);
+		top.close_dir();
+		if (failed)
+			return false;
+		remade[DIR_RING] = true;
+	}
+	for (int port = PORT_A; port <= PORT_B; port++) {
+		const zalkv2_port &p = in.port[port];
+		status_dir &d = t.dirs[DIR_PORT + port];
+		if (!zalkv2_port_configured(p) || (!remade[DIR_RING] && dir_in_place(t.dirs[DIR_RING].fd, p.name, d)))
+			continue;
+		char pdir[STATUS_PATH_MAX];
+		make_dir(port_dir(pdir, in, p), t.dirs[DIR_RING].fd, p.name, d);
+		remade[DIR_PORT + port] = true;
+	}
+	for (status_file &f : t.files)
+		if (remade[f.dir])
+			f.written = false;
+	return true;
+}
+
+// Makes every file of the instance hold the daemon's text at its path.
+// Failures are logged once per file, until it is written again.
+void sync_files(int ins)
+{
+	ring_tree &t = trees[ins];
+	t.failing = !place_dirs(ins);
+	if (t.failing)
 		return;
-	f.known = rewrite_kept(dir, dirfd, name, text, f) == 0 && strlen(text) < sizeof(f.text);
-	if (f.known)
-		strcpy(f.text, text);
+	for (status_file &f : t.files) {
+		const int at = t.dirs[f.dir].fd;
+		struct stat st;
+		if (!f.wanted)
+			continue;
+		if (at < 0) { // a port directory that could not be made
+			t.failing = true;
+			continue;
+		}
+		if (f.written && fstatat(at, f.name, &st, AT_SYMLINK_NOFOLLOW) == 0 && f.id.same(st))
+			continue;
+		f.written = put_file(at, f.name, f.text, &f.id) == 0;
+		if (!f.written && !f.failed) {
+			char dir[STATUS_PATH_MAX];
+			const zalkv2_instance &in = instances[ins];
+			report_failure(f.dir == DIR_RING ? instance_dir(dir, in) : port_dir(dir, in, in.port[f.dir - DIR_PORT]),
+				       f.name);
+		}
+		f.failed = !f.written;
+		t.failing |= f.failed;
+	}
 }
 
-void write_changed_number(const char *dir, int dirfd, const char *name, long number, status_file &last)
+void retry_cb(struct ev_loop *loop, ev_timer *w, int);
+
+// Syncs the instance and keeps the retry going while some file fails.
+void sync_and_retry(int ins)
 {
-	write_changed(dir, dirfd, name, number_text(number).s, last);
+	sync_files(ins);
+	if (trees[ins].failing && !ev_is_active(&retry_watcher)) {
+		ev_timer_init(&retry_watcher, retry_cb, RETRY_S, RETRY_S);
+		ev_timer_start(EV_DEFAULT, &retry_watcher);
+	}
 }
 
-void write_topology_files(int ins, const char *dir, int dirfd)
+void retry_cb(struct ev_loop *loop, ev_timer *w, int)
 {
-	ring_texts &last = last_written[ins];
-	write_changed_number(dir, dirfd, "tc_count", as_number(instances[ins].tc_count), last.tc_count);
-	write_changed_number(dir, dirfd, "tc_jiffies", os_uptime(), last.tc_jiffies);
+	bool failing = false;
+	retrying = true;
+	for (int ins = 0; ins < ZALK_MAX_INSTANCES; ins++) {
+		if (instances[ins].enabled && trees[ins].failing) {
+			sync_files(ins);
+			failing |= trees[ins].failing;
+		}
+	}
+	retrying = false;
+	if (!failing)
+		ev_timer_stop(loop, w);
+}
+
+void want_topology(int ins)
+{
+	want_number(trees[ins], F_TC_COUNT, as_number(instances[ins].tc_count));
+	want_number(trees[ins], F_TC_JIFFIES, os_uptime());
+}
+
+void want_port_state(int ins, int port)
+{
+	const zalkv2_port &p = instances[ins].port[port];
+	if (!zalkv2_port_configured(p))
+		return;
+	ring_tree &t = trees[ins];
+	want_number(t, file_index(port, F_LINK), as_number(p.link));
+	want(t, file_index(port, F_LOGICAL), zalk_logical_state_name(zalk_port_logical_state(ins, port)));
+	want(t, file_index(port, F_PHYSICAL), zalk_port_state_name(p.state));
 }
 
 void write_port_state_files(int ins, int port)
 {
-	const zalkv2_instance &in = instances[ins];
-	const zalkv2_port &p = in.port[port];
-	if (!zalkv2_port_configured(p))
-		return;
-	char dir[STATUS_PATH_MAX];
-	port_dir(dir, in, p);
-	int fd = dirs[ins].port[port].get();
-	status_file(&last)[3] = last_written[ins].port[port];
-	write_changed_number(dir, fd, "link", as_number(p.link), last[0]);
-	write_changed(dir, fd, "logical_state", zalk_logical_state_name(zalk_port_logical_state(ins, port)), last[1]);
-	write_changed(dir, fd, "physical_state", zalk_port_state_name(p.state), last[2]);
+	want_port_state(ins, port);
+	sync_and_retry(ins);
 }
 
 // The files of a ring state change: state, the topology counter and both
 // ports, from what the instance holds now.
 void write_ring_state_files(int ins)
 {
-	const zalkv2_instance &in = instances[ins];
-	char dir[STATUS_PATH_MAX];
-	instance_dir(dir, in);
-	int fd = dirs[ins].instance.get();
-	write_changed(dir, fd, "state", zalk_ring_state_name(in.ring_state, false), last_written[ins].state);
-	write_topology_files(ins, dir, fd);
-	for (int port = PORT_A; port <= PORT_B; port++)
-		write_port_state_files(ins, port);
+	want(trees[ins], F_STATE, zalk_ring_state_name(instances[ins].ring_state, false));
+	want_topology(ins);
+	want_port_state(ins, PORT_A);
+	want_port_state(ins, PORT_B);
+	sync_and_retry(ins);
 }
 
 } // namespace
 
 int write_text_file(const char *dir, const char *name, const char *text)
 {
-	return write_status_file(dir, -1, name, text);
+	char path[STATUS_PATH_MAX + 32];
+	snprintf(path, sizeof(path), "%s/%s", dir, name);
+	if (put_file(AT_FDCWD, path, text, nullptr) == 0)
+		return 0;
+	report_failure(dir, name);
+	return -1;
 }
 
 int write_number_file(const char *dir, const char *name, long number)
 {
-	return write_number_at(dir, -1, name, number);
+	return write_text_file(dir, name, number_text(number).s);
 }
 
 zalk_status_batch::zalk_status_batch() { batch_depth++; }
@@ -283,9 +434,11 @@ void zalk_status_flush()
 			continue;
 		}
 		if (a)
-			write_port_state_files(ins, PORT_A);
+			want_port_state(ins, PORT_A);
 		if (b)
-			write_port_state_files(ins, PORT_B);
+			want_port_state(ins, PORT_B);
+		if (a || b)
+			sync_and_retry(ins);
 	}
 }
 
@@ -312,44 +465,28 @@ int zalk_port_logical_state(int ins, int port)
 int zalk_status_setup(int ins)
 {
 	zalkv2_instance &in = instances[ins];
-	status_dirs &open_dirs = dirs[ins];
-	last_written[ins].forget();
-	open_dirs.instance.reset();
-	open_dirs.port[0].reset();
-	open_dirs.port[1].reset();
-	char dir[STATUS_PATH_MAX];
-	if (make_dir(root_dir(dir)))
-		return 1;
-	if (make_dir(instance_dir(dir, in)))
-		return 1;
-	open_dirs.instance.open_dir(dir);
-	const int fd = open_dirs.instance.get();
-
+	ring_tree &t = trees[ins];
+	forget(t);
 	if (in.role == RING_TYPE_FOCAL) {
-		write_status_file(dir, fd, "type", "focal-point");
+		want(t, F_TYPE, sc::type_texts[RING_TYPE_FOCAL]);
 		// Single precision on purpose: 10 ms configured reads back as 10.
 		float ms = in.ring_interval * 1000.0f;
-		write_number_at(dir, fd, "ring-interval", (long)(int32_t)ms);
+		want_number(t, F_INTERVAL, (long)(int32_t)ms);
 	} else {
-		write_status_file(dir, fd, "type", "member");
+		want(t, F_TYPE, sc::type_texts[RING_TYPE_MEMBER]);
 	}
-	write_number_at(dir, fd, "ring-id", in.ring_id);
+	want_number(t, F_RING_ID, in.ring_id);
 	in.tc_count = 0;
-	write_topology_files(ins, dir, fd);
-
+	want_topology(ins);
 	for (int port = PORT_A; port <= PORT_B; port++) {
 		const zalkv2_port &p = in.port[port];
 		if (!zalkv2_port_configured(p))
 			continue;
-		char pdir[STATUS_PATH_MAX];
-		if (make_dir(port_dir(pdir, in, p)))
-			continue;
-		open_dirs.port[port].open_dir(pdir);
-		const int pfd = open_dirs.port[port].get();
-		write_number_at(pdir, pfd, "hello_time", as_number(p.hello_time_ms));
-		write_status_file(pdir, pfd, "hello_ena", p.hello_enable ? "yes" : "no");
+		want_number(t, file_index(port, F_HELLO_TIME), as_number(p.hello_time_ms));
+		want(t, file_index(port, F_HELLO_ENA), sc::hello_ena_texts[p.hello_enable ? 1 : 0]);
 	}
-	return 0;
+	sync_and_retry(ins);
+	return t.dirs[DIR_RING].fd < 0 ? 1 : 0;
 }
 
 void zalk_set_status(int ins)
@@ -375,21 +512,22 @@ void zalk_remove_status(int ins)
 {
 	// nothing is written into a removed tree
 	status_due[ins] = port_due[ins][0] = port_due[ins][1] = false;
-	last_written[ins].forget();
-	dirs[ins].instance.reset();
-	dirs[ins].port[0].reset();
-	dirs[ins].port[1].reset();
+	forget(trees[ins]);
 	char dir[STATUS_PATH_MAX];
 	remove_tree(instance_dir(dir, instances[ins]));
 }
 
-int remove_tree(const char *path)
+namespace {
+
+// Removes what is in the directory open at fd (path names it in messages),
+// never following a link: entries are looked at, opened and removed
+// relative to their directory. The number of entries not removed.
+int remove_entries(int fd, const char *path)
 {
-	DIR *d = opendir(path);
+	DIR *d = fdopendir(fd);
 	if (!d) {
-		if (remove(path))
-			zlog(LOG_ERR, "Error when removing directory %s\n\n", path);
-		return 0;
+		close(fd);
+		return 1;
 	}
 	int failed = 0;
 	while (struct dirent *e = readdir(d)) {
@@ -398,18 +536,32 @@ int remove_tree(const char *path)
 		char sub[4096];
 		snprintf(sub, sizeof(sub), "%s/%s", path, e->d_name);
 		struct stat st;
-		if (lstat(sub, &st)) {
+		if (fstatat(dirfd(d), e->d_name, &st, AT_SYMLINK_NOFOLLOW)) {
 			// Most likely gone already; if not, removing the directory
 			// itself fails below and is reported there.
 			perror(sub);
 			continue;
 		}
-		if (S_ISDIR(st.st_mode))
-			remove_tree(sub);
-		else if (remove(sub))
-			failed++;
+		if (!S_ISDIR(st.st_mode)) {
+			failed += unlinkat(dirfd(d), e->d_name, 0) != 0;
+			continue;
+		}
+		const int sfd = openat(dirfd(d), e->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+		const int nested = sfd < 0 ? 0 : remove_entries(sfd, sub);
+		if (unlinkat(dirfd(d), e->d_name, AT_REMOVEDIR) || nested)
+			zlog(LOG_ERR, "Error when removing directory %s\n\n", sub);
 	}
 	closedir(d);
+	return failed;
+}
+
+} // namespace
+
+int remove_tree(const char *path)
+{
+	// A link at the path itself is removed, not followed.
+	const int fd = open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+	const int failed = fd < 0 ? 0 : remove_entries(fd, path);
 	if (remove(path) || failed)
 		zlog(LOG_ERR, "Error when removing directory %s\n\n", path);
 	return 0;

@@ -1,8 +1,12 @@
 // The status report written to standard error on SIGUSR1: every slot of
 // the instance table, its ring ports and their hello state.
+#include "status/report.h"
+
 #include <cstdio>
 
 #include "daemon/instance.h"
+#include "status/files.h"
+#include "status/names.h"
 #include "status/status.h"
 
 namespace {

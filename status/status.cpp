@@ -1,4 +1,4 @@
-// Debug level, log lines, event log, frame dump and name lookups.
+// Debug level, log lines and the frame dump.
 #include "status/status.h"
 
 #include <array>
@@ -22,14 +22,14 @@ unsigned read_debug_file()
 {
 	char path[160];
 	unsigned long level = 0;
-	if (read_number_file(zalk_path(path, sizeof(path), "/var/run/zalkv2/debug"), &level))
+	if (read_number_file(zalk_path(path, sizeof(path), "/var/run/zalkv2/debug"), &level, false))
 		return 0;
 	return (unsigned)level;
 }
 
 // The level as last read, and the kernel's word on whether the file may
 // have changed since: the directory (for the file appearing, going or
-// being replaced) and the file itself (written through a link too) are
+// being replaced) and the file itself (never through a link: a link there reads as level 0) are
 // watched with inotify, and the inotify descriptor raises SIGIO when it
 // gets an event. The kernel queues the event and signals us before the
 // writer's write returns (interrupting us where we run on another
@@ -64,7 +64,7 @@ bool signal_on_change(int fd)
 
 constexpr uint32_t DIR_EVENTS = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_FROM |
 				IN_MOVED_TO | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
-constexpr uint32_t FILE_EVENTS = IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
+constexpr uint32_t FILE_EVENTS = IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_DONT_FOLLOW;
 
 // True when any change was queued; empties the queue.
 bool changes_queued()
@@ -136,24 +136,6 @@ void zlog(int prio, const char *fmt, ...)
 	os_syslog(prio, line);
 }
 
-void zalk_event_log(const char *func, const char *fmt, ...)
-{
-	if (!zalk_debug(ZALK_EVENTLOG))
-		return;
-	struct timeval tv;
-	os_gettimeofday(&tv);
-	char path[160];
-	FILE *f = fopen(zalk_path(path, sizeof(path), "/tmp/zalk.log"), "a");
-	if (!f)
-		return; // the protocol goes on without its event log
-	fprintf(f, "%ld.%.3ld %s() - ", (long)(tv.tv_sec % 1000), (long)(tv.tv_usec / 1000), func);
-	va_list ap;
-	va_start(ap, fmt);
-	vfprintf(f, fmt, ap);
-	va_end(ap);
-	fclose(f);
-}
-
 void debug_packet(const char *label, const uint8_t *buf, size_t len)
 {
 	assert(label);
@@ -180,42 +162,3 @@ void debug_packet(const char *label, const uint8_t *buf, size_t len)
 	if (pending)
 		zlog(LOG_NOTICE, "%s", line);
 }
-
-namespace {
-template <size_t N> const char *lookup(const std::array<const char *, N> &names, uint64_t v, const char *dflt)
-{
-	return v < N ? names[v] : dflt;
-}
-
-constexpr std::array<const char *, 5> port_state_names = {"DISABLED", "LISTENING", "LEARNING", "FORWARDING",
-							  "BLOCKING"};
-constexpr std::array<const char *, 7> ring_state_long = {
-	"RING_OK_NET_FOCAL", "RING_FAIL_NET_FOCAL", "BROKEN_NET_FOCAL", "DOWN_NET_FOCAL",
-	"OK_NET_MEMBER",     "BROKEN_NET_MEMBER",   "DOWN_NET_MEMBER"};
-constexpr std::array<const char *, 7> ring_state_short = {"Ring Ok", "Ring Fail", "Broken", "Down",
-							  "Ok",      "Broken",    "Down"};
-constexpr std::array<const char *, 4> hello_state_names = {"HELLO_PHY_DOWN", "HELLO_NO_RESPONSE",
-							   "HELLO_NOT_QUALIFIED", "HELLO_QUALIFIED"};
-constexpr std::array<const char *, 2> ring_type_names = {"RING_TYPE_FOCAL", "RING_TYPE_MEMBER"};
-constexpr std::array<const char *, 15> event_names = {
-	"RX_LINKA_1", "RX_LINKB_1", "RX_LINKA_0", "RX_LINKB_0", "RX_TIMEOUT",
-	"RX_LINK_RESPONSE", "FOCAL_TRIG", "RX_PACKET_BUS", "RX_PCK", "LINKA0_1",
-	"LINKA1_0", "LINKB0_1", "LINKB1_0", "RX_LINK_RESPONSE_RING", "FLUSH_FDB"};
-constexpr std::array<const char *, 8> frame_type_names = {"Unknown", "Hello", "Link Down", "Link Up",
-							  "Link Response", "Flush", "Ring", "Trig"};
-constexpr std::array<const char *, 3> hello_resp_names = {"No response", "Not qualified", "Qualified"};
-constexpr std::array<const char *, 4> logical_state_names = {"Down", "Not Qualified", "Qualified",
-							     "Forwarding"};
-} // namespace
-
-const char *zalk_port_state_name(uint32_t s) { return lookup(port_state_names, s, "Invalid state"); }
-const char *zalk_ring_state_name(uint32_t s, bool long_name)
-{
-	return lookup(long_name ? ring_state_long : ring_state_short, s, "INVALID");
-}
-const char *zalk_hello_state_name(int32_t s) { return s < 0 ? "INVALID" : lookup(hello_state_names, (uint32_t)s, "INVALID"); }
-const char *zalk_ring_type_name(uint32_t r) { return lookup(ring_type_names, r, "INVALID"); }
-const char *zalk_event_name(uint32_t e) { return lookup(event_names, e, "INVALID"); }
-const char *zalk_frame_type_name(uint32_t t) { return t == 0 ? "Unknown" : lookup(frame_type_names, t, "Unknown"); }
-const char *zalk_hello_resp_name(uint32_t r) { return lookup(hello_resp_names, r, "Invalid"); }
-const char *zalk_logical_state_name(int s) { return s < 0 ? "INVALID" : lookup(logical_state_names, (uint32_t)s, "INVALID"); }

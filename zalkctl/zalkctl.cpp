@@ -49,10 +49,13 @@
 
 #include "daemon/config.h"
 #include "daemon/instance.h"
+#include "status/schema.h"
 
 namespace {
 
-const char *root = "/var/run/zalkv2";
+namespace sc = zalk_schema;
+
+const char *root = sc::ROOT;
 const char *config_path = "/etc/zalkv2d.conf";
 bool json, strict;
 
@@ -121,7 +124,7 @@ struct Port {
 	const char *which = nullptr; // "A", "B" or unknown
 	std::optional<long> link, hello_time;
 	std::optional<std::string> physical, logical, hello;
-	bool blocked() const { return physical && *physical == "BLOCKING"; }
+	bool blocked() const { return physical && *physical == sc::port_state_texts[PORT_BLOCKING]; }
 };
 
 struct Ring {
@@ -129,8 +132,8 @@ struct Ring {
 	std::optional<std::string> role, state;
 	std::optional<long> tc_count, tc_jiffies, interval;
 	std::vector<Port> ports;
-	bool focal() const { return role && *role == "focal-point"; }
-	bool whole() const { return state && (focal() ? *state == "Ring Ok" : *state == "Ok"); }
+	bool focal() const { return role && *role == sc::type_texts[RING_TYPE_FOCAL]; }
+	bool whole() const { return state && *state == sc::ring_state_texts[sc::whole_state[focal() ? RING_TYPE_FOCAL : RING_TYPE_MEMBER]]; }
 	// The files every enabled ring has once it is set up.
 	bool complete() const { return role && state && tc_count && tc_jiffies; }
 };
@@ -180,16 +183,16 @@ Ring read_ring(long id, const std::vector<std::string> &config_order)
 {
 	Ring r;
 	r.id = id;
-	std::string dir = std::string(root) + "/" + std::to_string(id);
-	r.role = read_value(dir + "/type");
-	r.state = read_value(dir + "/state");
-	r.tc_count = read_long(dir + "/tc_count");
-	r.tc_jiffies = read_long(dir + "/tc_jiffies");
-	r.interval = read_long(dir + "/ring-interval");
+	std::string dir = std::string(root) + "/" + std::to_string(id) + "/";
+	r.role = read_value(dir + sc::TYPE);
+	r.state = read_value(dir + sc::STATE);
+	r.tc_count = read_long(dir + sc::TC_COUNT);
+	r.tc_jiffies = read_long(dir + sc::TC_JIFFIES);
+	r.interval = read_long(dir + sc::RING_INTERVAL);
 	DIR *d = opendir(dir.c_str());
 	for (struct dirent *e; d && (e = readdir(d));) {
 		struct stat st;
-		std::string path = dir + "/" + e->d_name;
+		std::string path = dir + e->d_name + "/";
 		if (e->d_name[0] == '.' || stat(path.c_str(), &st) || !S_ISDIR(st.st_mode))
 			continue;
 		Port p;
@@ -197,11 +200,11 @@ Ring read_ring(long id, const std::vector<std::string> &config_order)
 		auto at = std::find(config_order.begin(), config_order.end(), p.name);
 		if (at != config_order.end())
 			p.which = at == config_order.begin() ? "A" : "B";
-		p.link = read_long(path + "/link");
-		p.physical = read_value(path + "/physical_state");
-		p.logical = read_value(path + "/logical_state");
-		p.hello = read_value(path + "/hello_ena");
-		p.hello_time = read_long(path + "/hello_time");
+		p.link = read_long(path + sc::LINK);
+		p.physical = read_value(path + sc::PHYSICAL_STATE);
+		p.logical = read_value(path + sc::LOGICAL_STATE);
+		p.hello = read_value(path + sc::HELLO_ENA);
+		p.hello_time = read_long(path + sc::HELLO_TIME);
 		r.ports.push_back(p);
 	}
 	if (d)
@@ -243,15 +246,34 @@ std::vector<Ring> read_tree(const char *only)
 	return rings;
 }
 
+// True when the ring's files are all there but some stay empty (they were
+// read again): the daemon made them and could not write their values.
+bool has_empty_file(long id)
+{
+	std::string dir = std::string(root) + "/" + std::to_string(id) + "/";
+	struct stat st;
+	bool empty = false;
+	for (const char *name : {sc::TYPE, sc::STATE, sc::TC_COUNT, sc::TC_JIFFIES}) {
+		if (stat((dir + name).c_str(), &st))
+			return false; // still being set up
+		empty |= st.st_size == 0;
+	}
+	return empty;
+}
+
 // Rings whose files are not all there yet make the exit status 1.
 int report_incomplete(const std::vector<Ring> &rings)
 {
 	int status = OK;
 	for (auto &r : rings) {
-		if (!r.complete()) {
+		if (r.complete())
+			continue;
+		if (has_empty_file(r.id))
+			fprintf(stderr, "zalkctl: ring %ld: status files empty (the daemon could not write them: /run full?)\n",
+				r.id);
+		else
 			fprintf(stderr, "zalkctl: ring %ld: status incomplete (being set up or torn down?)\n", r.id);
-			status = FAILED;
-		}
+		status = FAILED;
 	}
 	return status;
 }
@@ -297,7 +319,7 @@ void print_text(const std::vector<Ring> &rings)
 			printf("  ring interval %ld ms\n", *r.interval);
 		printf("  %-4s %-16s %-5s %-14s %-14s %s\n", "", "port", "link", "physical", "logical", "hello");
 		for (auto &p : r.ports) {
-			std::string hello = p.hello ? (*p.hello == "yes" ? "on " : "off ") + or_unknown(p.hello_time) + " ms" : "?";
+			std::string hello = p.hello ? (*p.hello == sc::hello_ena_texts[1] ? "on " : "off ") + or_unknown(p.hello_time) + " ms" : "?";
 			printf("  %-4s %-16s %-5s %-14s %-14s %s%s\n", p.which ? p.which : "-", p.name.c_str(),
 			       p.link ? (*p.link ? "up" : "down") : "?", or_unknown(p.physical).c_str(),
 			       or_unknown(p.logical).c_str(), hello.c_str(), p.blocked() ? "   <== BLOCKED" : "");
@@ -348,7 +370,7 @@ void print_json(const std::vector<Ring> &rings)
 			       "\"hello_enable\": %s, \"hello_time_ms\": %s, \"blocked\": %s}",
 			       j ? ", " : "", json_string(p.name).c_str(), json_string(which).c_str(),
 			       json_number(p.link).c_str(), json_string(p.physical).c_str(), json_string(p.logical).c_str(),
-			       p.hello ? (*p.hello == "yes" ? "true" : "false") : "null", json_number(p.hello_time).c_str(),
+			       p.hello ? (*p.hello == sc::hello_ena_texts[1] ? "true" : "false") : "null", json_number(p.hello_time).c_str(),
 			       p.blocked() ? "true" : "false");
 		}
 		printf("]}");
@@ -381,12 +403,17 @@ std::string prom_label(const std::string &v)
 	return out;
 }
 
-// One state-set metric: 1 for the value the file holds, 0 for the others.
+// One state-set metric: 1 for the value the file holds, 0 for the others
+// (each text once, though two ring states of the table share one).
+template <size_t N>
 void state_set(const char *metric, const std::string &labels, const std::optional<std::string> &value,
-	       std::initializer_list<const char *> states)
+	       const std::array<const char *, N> &states)
 {
-	for (const char *s : states)
-		printf("%s{%s,state=\"%s\"} %d\n", metric, labels.c_str(), s, value && *value == s ? 1 : 0);
+	for (size_t i = 0; i < N; i++)
+		if (std::find_if(states.begin(), states.begin() + i, [&](const char *s) { return !strcmp(s, states[i]); }) ==
+		    states.begin() + i)
+			printf("%s{%s,state=\"%s\"} %d\n", metric, labels.c_str(), states[i],
+			       value && *value == states[i] ? 1 : 0);
 }
 
 void help(const char *metric, const char *type, const char *text)
@@ -404,7 +431,7 @@ int cmd_metrics(int argc, char **)
 	help("zalkv2_ring_state", "gauge", "Ring state: 1 for the state the ring is in.");
 	for (auto &r : rings)
 		state_set("zalkv2_ring_state", ring_label(r) + ",role=\"" + prom_label(or_unknown(r.role)) + "\"", r.state,
-			  {"Ring Ok", "Ring Fail", "Broken", "Down", "Ok"});
+			  sc::ring_state_texts);
 	help("zalkv2_ring_whole", "gauge", "1 while the ring is closed (Ring Ok, Ok), else 0.");
 	for (auto &r : rings)
 		printf("zalkv2_ring_whole{%s} %d\n", ring_label(r).c_str(), r.whole() ? 1 : 0);
@@ -421,33 +448,29 @@ int cmd_metrics(int argc, char **)
 	for (auto &r : rings)
 		for (auto &p : r.ports)
 			state_set("zalkv2_port_physical_state", port_label(r, p), p.physical,
-				  {"DISABLED", "LISTENING", "LEARNING", "FORWARDING", "BLOCKING"});
+				  sc::port_state_texts);
 	help("zalkv2_port_logical_state", "gauge", "Logical state of a ring port: 1 for the state it is in.");
 	for (auto &r : rings)
 		for (auto &p : r.ports)
 			state_set("zalkv2_port_logical_state", port_label(r, p), p.logical,
-				  {"Down", "Not Qualified", "Qualified", "Forwarding"});
+				  sc::logical_state_texts);
 	return report_incomplete(rings);
 }
 
 // ---- debug ------------------------------------------------------------
-
-constexpr std::pair<const char *, unsigned> debug_bits[] = {
-	{"state", 1}, {"dbg", 2}, {"note", 4}, {"trace", 8}, {"msg", 16}, {"tip", 32}, {"eventlog", 128},
-};
 
 int cmd_debug(int argc, char **argv)
 {
 	struct stat st;
 	if (stat(root, &st))
 		die(NOT_RUNNING, "zalkv2d is not running (no %s)", root);
-	std::string path = std::string(root) + "/debug";
+	std::string path = std::string(root) + "/" + sc::DEBUG_FILE;
 	if (!argc) {
 		// Read as the daemon reads it: strtoul base 0 of the first line.
 		auto v = read_value(path);
 		unsigned long level = v ? strtoul(v->c_str(), nullptr, 0) : 0;
 		printf("debug %lu:", level);
-		for (auto &[name, bit] : debug_bits)
+		for (auto &[name, bit] : sc::debug_bit_names)
 			if (level & bit)
 				printf(" %s", name);
 		printf("%s\n", level ? "" : " none");
@@ -461,11 +484,11 @@ int cmd_debug(int argc, char **argv)
 			level |= n;
 			continue;
 		}
-		auto bit = std::find_if(std::begin(debug_bits), std::end(debug_bits),
-					[&](auto &b) { return !strcasecmp(b.first, argv[i]); });
-		if (bit == std::end(debug_bits) && strcasecmp(argv[i], "none"))
+		auto bit = std::find_if(sc::debug_bit_names.begin(), sc::debug_bit_names.end(),
+					[&](auto &b) { return !strcasecmp(b.name, argv[i]); });
+		if (bit == sc::debug_bit_names.end() && strcasecmp(argv[i], "none"))
 			die(FAILED, "unknown debug bit: %s (state dbg note trace msg tip eventlog none, or a number)", argv[i]);
-		level |= bit == std::end(debug_bits) ? 0 : bit->second;
+		level |= bit == sc::debug_bit_names.end() ? 0u : (unsigned)bit->bit;
 	}
 	// Replaced whole by a rename: the daemon reads the file at every log
 	// point and must never see it half written.

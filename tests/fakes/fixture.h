@@ -25,6 +25,10 @@
 #include "ring/link.h"
 #include "ring/member.h"
 #include "ring/ports.h"
+#include "status/eventlog.h"
+#include "status/files.h"
+#include "status/names.h"
+#include "status/report.h"
 #include "status/status.h"
 #include "tests/fakes/fake.h"
 

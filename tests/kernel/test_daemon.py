@@ -54,14 +54,14 @@ class Daemon(unittest.TestCase):
 		sh("""for p in zr3a '$(>m)' 'r;>q'; do ip link set "$p" up master br0; done""")
 
 	def setUp(self):
-		sh('rm -rf %s %s' % (RUN, CONF))
+		sh('rm -rf %s %s /tmp/zalk.log' % (RUN, CONF))
 
-	def start(self, *args, conf=None, cwd=None):
+	def start(self, *args, conf=None, cwd=None, umask=0o022):
 		if conf is not None:
 			with open(CONF, 'w') as f:
 				f.write(conf)
 		p = subprocess.Popen([ZALKV2D, *args], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-				     cwd=cwd)
+				     cwd=cwd, preexec_fn=lambda: os.umask(umask))
 		self.addCleanup(p.kill)
 		return p
 
@@ -128,7 +128,9 @@ class Daemon(unittest.TestCase):
 					time.sleep(0.5)
 					self.assertLessEqual(len(read('/tmp/zalk.log')), size + 100, 'the level stayed 128')
 				if subprocess.run(['chrt', '-f', '49', 'true']).returncode == 0:  # real-time allowed here
-					self.assertIn('SCHED_FIFO\npid %d\'s current scheduling priority: 49' % p.pid, out('chrt -p %d' % p.pid))
+					# its commands do not inherit it
+					self.assertIn('SCHED_FIFO|SCHED_RESET_ON_FORK\npid %d\'s current scheduling priority: 49' % p.pid,
+						      out('chrt -p %d' % p.pid))
 				if sig == signal.SIGINT:
 					# 500 flaps outside the rings, then a ring port's peer goes
 					# down: the link monitor keeps up and the port follows.
@@ -144,6 +146,69 @@ class Daemon(unittest.TestCase):
 				self.assertEqual(p.returncode, 0, err)
 				self.assertFalse(os.path.exists(RUN))
 				self.assertEqual(self.bridge_setup(), ([], 0, {}))
+
+	def stop(self, p):
+		p.send_signal(signal.SIGTERM)
+		_, err = p.communicate(timeout=10)
+		self.assertEqual(p.returncode, 0, err)
+
+	RINGS = ('zalk ring8 {\n ring-id = 8\n ring-role = member\n port a { name = zr3a }\n}\n'
+		 'zalk ring7 {\n ring-id = 7\n ring-role = focal\n ring-interval = 100\n'
+		 ' port a { name = "$(>m)" }\n port b { name = "r;>q" }\n}\n')
+
+	def test_files_others_can_reach_are_never_written_through(self):
+		"""A FIFO or a link planted at the event log's path, the tree made
+		under umask 000, status files replaced, rewritten or removed."""
+		log, secret = '/tmp/zalk.log', '/tmp/secret'
+		with open(os.open(secret, os.O_CREAT | os.O_WRONLY, 0o600), 'w') as f:
+			f.write('root only\n')
+		def frames():
+			return int(read('/sys/class/net/$(>m)/statistics/tx_packets'))
+		for plant in (os.mkfifo, lambda path: os.symlink(secret, path)):
+			if os.path.lexists(log):
+				os.remove(log)
+			plant(log)
+			os.makedirs(RUN)
+			sh('echo 128 > %s/debug' % RUN)  # the event log from the first event on
+			p = self.start(conf=self.RINGS, umask=0)
+			self.assertTrue(wait_until(lambda: read(RUN + '/8/zr3a/link') is not None))
+			sent = frames()
+			time.sleep(0.5)
+			self.assertGreater(frames(), sent + 2, 'the focal point sends its Ring frames')
+			self.stop(p)
+			self.assertEqual(read(secret), 'root only\n')
+
+		p = self.start(conf=self.RINGS, umask=0)
+		self.assertTrue(wait_until(lambda: read(RUN + '/8/zr3a/link') is not None))
+		modes = {os.path.relpath(os.path.join(d, n), RUN): os.stat(os.path.join(d, n)).st_mode & 0o7777
+			 for d, dirs, files in os.walk(RUN) for n in dirs + files}
+		self.assertEqual({m for m in modes.values()}, {0o755, 0o644}, modes)
+		self.assertEqual({n for n, m in modes.items() if m == 0o755}, {'8', '8/zr3a', '7', '7/$(>m)', '7/r;>q'})
+		os.remove(RUN + '/8/state')
+		os.symlink(secret, RUN + '/8/state')
+		sh('echo foreign > %s/8/type; rm %s/8/ring-id' % (RUN, RUN))
+		sh('ip link set zr3b down')  # a link report and a ring state change
+		self.assertTrue(wait_until(lambda: read(RUN + '/8/zr3a/logical_state') == 'Down', 5))
+		sh('ip link set zr3b up')
+		self.assertEqual((read(secret), os.path.islink(RUN + '/8/state'), read(RUN + '/8/type'), read(RUN + '/8/ring-id')),
+				 ('root only\n', False, 'member', '8'))
+		self.stop(p)
+
+	def test_status_tree_heals_after_run_was_full(self):
+		os.makedirs(RUN)
+		sh('mount -t tmpfs -o size=256k zalk-full %s && dd if=/dev/zero of=%s/fill bs=4k count=64 status=none' % (RUN, RUN))
+		self.addCleanup(sh, 'umount %s' % RUN)
+		zalkctl = os.path.join(os.path.dirname(ZALKV2D), 'zalkctl', 'zalkctl')
+		p = self.start(conf=self.RINGS)
+		self.assertTrue(wait_until(lambda: os.path.exists(RUN + '/8/zr3a/link')))
+		self.assertEqual(read(RUN + '/8/state'), '')
+		status = subprocess.run([zalkctl, 'status', '8'], capture_output=True, text=True)
+		self.assertEqual(status.stderr, 'zalkctl: ring 8: status files empty (the daemon could not write them: /run full?)\n')
+		os.remove(RUN + '/fill')
+		self.assertTrue(wait_until(lambda: read(RUN + '/8/type') == 'member', 8), 'healed by the retry within 5 s')
+		self.assertEqual([os.path.join(d, n) for d, _, files in os.walk(RUN) for n in files if not read(os.path.join(d, n))], [])
+		p.send_signal(signal.SIGTERM)
+		p.communicate(timeout=10)  # the mount point itself stays
 
 
 if __name__ == '__main__':

@@ -28,8 +28,8 @@ TEST_F(EventWork, DebugLevelFollowsEveryKindOfChangeAtTheNextRead)
 		{[&] { put(file, "1\n"); }, 1},    // created
 		{[&] { put(file, "0x80"); }, 128}, // rewritten in place
 		{[&] { put(dir + "/new", "2"); fs::rename(dir + "/new", file); }, 2},
-		{[&] { put(away, "4"); fs::remove(file); fs::create_symlink(away, file); }, 4},
-		{[&] { put(away, "8"); }, 8}, // written through the link
+		{[&] { put(away, "4"); fs::remove(file); fs::create_symlink(away, file); }, 0}, // never followed
+		{[&] { put(away, "8"); }, 0},
 		{[&] { fs::remove(file); }, 0},
 		{[&] { fs::remove_all(dir); }, 0},
 		{[&] { fs::create_directories(dir); put(file, "32"); }, 32},
@@ -67,16 +67,18 @@ TEST_F(EventWork, StatusFilesHoldTheirTextsAfterEveryEventAndFollowItsFrames)
 	EXPECT_EQ(sent(), "Link Up@11 Link Up@12 Link Down@12");
 	EXPECT_EQ(at_send, (Lines{"Broken", "Broken", "Ok"})) << "the Link Down leaves before the state is written";
 
-	// Only changed files are written, a removed one anew; a set-up (the
-	// status report's too) writes them all again at the next change.
+	// After every update each file holds the daemon's text at its path,
+	// whoever rewrote (b_state), removed (a_state) or renamed (ring-id) it.
 	const std::string a_state = "/var/run/zalkv2/3/eth1/physical_state", b_state = "/var/run/zalkv2/3/eth2/physical_state";
 	fake::write_file(b_state, "stale");
 	fs::remove(fake::root() + a_state);
+	fs::rename(fake::root() + "/var/run/zalkv2/3/ring-id", fake::root() + "/var/run/zalkv2/3/moved");
 	event(0, LINKA0_1);
 	fake::uptime = 4343;
 	event(0, RX_LINK_RESPONSE);
-	EXPECT_EQ(fake::read_file(b_state) + fake::read_file(a_state) + fake::read_file("/var/run/zalkv2/3/tc_jiffies"),
-		  "staleFORWARDING4343");
+	EXPECT_EQ(fake::read_file(b_state) + fake::read_file(a_state) + fake::read_file("/var/run/zalkv2/3/tc_jiffies") +
+			  fake::read_file("/var/run/zalkv2/3/ring-id"),
+		  "FORWARDINGFORWARDING43433");
 	fake::write_file("/var/run/zalkv2/3/state", "stale");
 	zalk_status_setup(0);
 	member_config_ring_topology(0, OK_NET_MEMBER, 1);

@@ -1,5 +1,7 @@
 // Event log, frame dump, the status file tree and the status
 // report.
+#include <functional>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "tests/fakes/fixture.h"
@@ -28,6 +30,40 @@ TEST_F(Status, EventLogAndHexDump)
 	zalk_event_log("sm_cb", "Leaving\n");
 	EXPECT_EQ(fake::read_file("/tmp/zalk.log"), "437.052 sm_cb() - I:2 Enter RX_PCK\n999.007 sm_cb() - Leaving\n");
 
+	// /tmp is everybody's: nothing planted at the log's path is written,
+	// a refusal is reported once and tried again 10 s later. At 1 MiB the
+	// log moves to zalk.log.1 and begins anew.
+	const std::string log = fake::root() + "/tmp/zalk.log", secret = fake::root() + "/secret";
+	fake::write_file("/secret", "root only");
+	const std::function<void()> plants[] = {
+		[&] { symlink(secret.c_str(), log.c_str()); },
+		[&] { mkfifo(log.c_str(), 0600); }, // would block for good
+		[&] { link(secret.c_str(), log.c_str()); },
+	};
+	clear();
+	for (auto &plant : plants) {
+		std::remove(log.c_str());
+		plant();
+		fake::now.tv_sec += 10;
+		zalk_event_log("f", "x\n");
+		zalk_event_log("f", "x\n");
+	}
+	EXPECT_EQ(fake::read_file("/secret"), "root only");
+	EXPECT_EQ(errors(), Lines{"Event log " + log + " not written: a symbolic link; trying again in 10 s\n"});
+	std::remove(log.c_str());
+	zalk_event_log("f", "x\n"); // not yet 10 s since the last refusal
+	EXPECT_FALSE(fake::file_exists("/tmp/zalk.log"));
+	fake::now.tv_sec += 10;
+	zalk_event_log("f", "x\n");
+	struct stat st;
+	EXPECT_EQ(stat(log.c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0600u);
+	EXPECT_EQ(truncate(log.c_str(), 1 << 20), 0);
+	zalk_event_log("f", "y\n");
+	zalk_event_log("f", "z\n");
+	EXPECT_EQ(fake::read_file("/tmp/zalk.log"), "39.007 f() - z\n");
+	EXPECT_EQ(stat((log + ".1").c_str(), &st) == 0 ? st.st_size : 0, (1 << 20) + 15);
+	clear();
+
 	uint8_t frame[80];
 	for (int i = 0; i < 80; i++)
 		frame[i] = uint8_t(i + 1);
@@ -51,13 +87,27 @@ TEST_F(Status, FailuresAreLoggedWithTheRealPathAndTreesRemoved)
 	fake::write_file("/var/run/zalkv2", "x"); // a file in place of the root directory
 	EXPECT_EQ(zalk_status_setup(0), 1);
 	EXPECT_EQ(write_number_file(top.c_str(), "tc_count", 1), -1);
-	EXPECT_EQ(errors(), (Lines{"Could not create directory " + top + "/3\n\n", "ERROR: Not a directory Could not create file " + top + "/tc_count\n"}));
+	EXPECT_EQ(errors(), (Lines{"Could not create directory " + top + "\n\n", "ERROR: Not a directory Could not create file " + top + "/tc_count\n"}));
 	EXPECT_EQ(write_number_file(fake::root().c_str(), "n", -42), 0);
 	EXPECT_EQ(fake::read_file("/n"), "-42");
 
 	std::remove(top.c_str());
 	clear();
+	// Modes whatever the umask; a link or a FIFO at a file's path is
+	// replaced by the file, never written through.
+	const mode_t umask_was = umask(077);
 	zalk_status_setup(0);
+	umask(umask_was);
+	fake::write_file("/secret", "root only");
+	EXPECT_EQ(symlink((fake::root() + "/secret").c_str(), (top + "/3/state").c_str()), 0);
+	EXPECT_EQ(mkfifo((top + "/3/eth1/link").c_str(), 0600), 0);
+	zalk_set_status(0);
+	EXPECT_EQ(fake::read_file("/secret") + fake::read_file("/var/run/zalkv2/3/state"),
+		  std::string("root only") + zalk_ring_state_name(instances[0].ring_state, false));
+	for (auto [f, mode] : {std::pair{"", 0755u}, {"/3", 0755u}, {"/3/eth1", 0755u}, {"/3/state", 0644u}, {"/3/eth1/link", 0644u}}) {
+		struct stat st;
+		EXPECT_EQ(lstat((top + f).c_str(), &st) == 0 ? st.st_mode & 07777 : 0, mode) << f;
+	}
 	fake::write_file("/var/run/zalkv2/debug", "1");
 	fake::write_file("/var/run/zalkv2/3/eth1/deep/er/file", "x");
 	EXPECT_EQ(symlink("/nonexistent", (top + "/3/dangling").c_str()), 0);
@@ -66,6 +116,9 @@ TEST_F(Status, FailuresAreLoggedWithTheRealPathAndTreesRemoved)
 	EXPECT_TRUE(fake::file_exists("/var/run/zalkv2/debug"));
 	EXPECT_EQ(remove_tree(top.c_str()), 0);
 	EXPECT_FALSE(fake::file_exists("/var/run/zalkv2"));
+	EXPECT_EQ(symlink((fake::root() + "/var").c_str(), top.c_str()), 0);
+	EXPECT_EQ(remove_tree(top.c_str()), 0); // the link goes, not what it points at
+	EXPECT_TRUE(fake::file_exists("/var/run") && !fake::file_exists("/var/run/zalkv2"));
 	EXPECT_TRUE(fake::logs.empty());
 	EXPECT_EQ(remove_tree(top.c_str()), 0); // nothing there: reported, still 0
 	EXPECT_EQ(errors(), Lines{"Error when removing directory " + top + "\n\n"});
