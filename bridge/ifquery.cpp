@@ -1,15 +1,16 @@
 // Interface queries through the interface socket: hardware address and
 // whether the link is running.
+#include "bridge/ifquery.h"
+
 #include <cstdio>
 #include <cstring>
 #include <net/if.h>
 #include <sys/ioctl.h>
 
-#include "bridge/prepare.h"
 #include "daemon/os.h"
 #include "status/status.h"
 
-// Opened by bridge preparation; 0 while not open.
+// Opened by bridge preparation.
 int netsock = 0;
 
 namespace {

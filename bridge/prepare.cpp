@@ -13,6 +13,7 @@
 
 #include "bridge/backup.h"
 #include "bridge/filters.h"
+#include "bridge/ifquery.h"
 #include "bridge/netlink_ops.h"
 #include "daemon/daemon.h"
 #include "daemon/instance.h"

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "bridge/filters.h"
+#include "bridge/ifquery.h"
 #include "bridge/prepare.h"
 #include "daemon/config.h"
 #include "daemon/instance.h"
@@ -329,25 +330,6 @@ void zalkv2_teardown_instance(int ins, struct ev_loop *loop)
 	if (in.role == RING_TYPE_FOCAL)
 		focal_ring_timer_stop(ins, loop);
 	zalkv2_teardown_bridge_on_instance(ins);
-}
-
-int zalkv2_find_instance(int ring_id)
-{
-	for (int i = 0; i < ZALK_MAX_INSTANCES; i++)
-		if (instances[i].enabled && instances[i].ring_id == ring_id)
-			return i;
-	return -1;
-}
-
-int zalkv2_alloc_instance(int ring_id)
-{
-	int ins = zalkv2_find_instance(ring_id);
-	if (ins != -1)
-		return ins;
-	for (int i = 0; i < ZALK_MAX_INSTANCES; i++)
-		if (!instances[i].enabled)
-			return i;
-	return -1;
 }
 
 int zalkv2_port_config_changed(int ins, int p, cfg_t *ring_sec)

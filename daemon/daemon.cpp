@@ -13,6 +13,7 @@
 #include <sched.h>
 #include <signal.h>
 
+#include "bridge/filters.h"
 #include "bridge/prepare.h"
 #include "daemon/configure.h"
 #include "daemon/instance.h"

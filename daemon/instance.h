@@ -128,3 +128,8 @@ constexpr int PORT_B = 1;
 
 // A port with ifindex -1 does not exist for the ring; every walk skips it.
 inline bool zalkv2_port_configured(const zalkv2_port &p) { return p.ifindex != -1; }
+
+// Slot lookups by ring id: the lowest enabled slot of that ring, or -1;
+// allocation falls back to the lowest free slot (-1 when all ten are taken).
+int zalkv2_find_instance(int ring_id);
+int zalkv2_alloc_instance(int ring_id);

@@ -12,7 +12,7 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
-#include "bridge/prepare.h"
+#include "bridge/ifquery.h"
 #include "daemon/os.h"
 #include "frames/hello.h"
 #include "frames/sockets.h"

@@ -12,7 +12,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
-#include "bridge/prepare.h"
+#include "bridge/ifquery.h"
 #include "daemon/instance.h"
 #include "daemon/os.h"
 #include "daemon/util.h"
