@@ -53,3 +53,10 @@ int zalkv2_if_running(int ifindex)
 		return 0;
 	return ifr.ifr_flags & IFF_RUNNING;
 }
+
+int zalkv2_if_master(int ifindex)
+{
+	if (ifindex <= 0)
+		return -1;
+	return os_if_master((unsigned)ifindex);
+}

@@ -76,6 +76,7 @@ struct zalkv2_port {
 	uint32_t hello_rx;
 	uint32_t hello_rx_seen;
 	uint8_t remote_bridge_id[8];
+	int32_t master;           // bridge the port was a port of at set-up (0 none)
 };
 
 // Per port, port A first: the last foreign ring id and the last differing

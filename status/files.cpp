@@ -383,6 +383,20 @@ void zalk_remove_status(int ins)
 	remove_tree(instance_dir(dir, instances[ins]));
 }
 
+void zalk_set_missing(int ring_id, const char *missing)
+{
+	char dir[STATUS_PATH_MAX], root[STATUS_PATH_MAX];
+	zalk_path(dir, sizeof(dir), "/var/run/zalkv2/%d", ring_id);
+	if (*missing) {
+		if (make_dir(root_dir(root)) == 0 && make_dir(dir) == 0)
+			write_text_file(dir, "missing", missing);
+		return;
+	}
+	char path[STATUS_PATH_MAX + 16];
+	snprintf(path, sizeof(path), "%s/missing", dir);
+	remove(path); // absent already when nothing was missing
+}
+
 int remove_tree(const char *path)
 {
 	DIR *d = opendir(path);
