@@ -12,9 +12,8 @@ A ring of --size (s1 focal point blocking port A, hello on, ring interval
 deletes switch sN's br0 and, --gap seconds later, creates it again with
 all its ports; Lk deletes link Lk (a veth: both ends, so both switches'
 ring ports) and, --gap seconds later, creates it again under new
-interface indexes. New bridge ports come up held (nothing bridged) until
-their daemon has blocked them (a bridge without STP would forward at
-once, where a switch's own STP keeps a new port blocked).
+interface indexes. New bridge ports are held (nothing bridged) until
+their daemon has set them up again (see new_ports).
 Whole: every daemon's ring state Ring Ok / Ok and no "missing" file.
 """
 import argparse
@@ -36,21 +35,33 @@ def whole(lab, ring_id=1):
 	return True
 
 
-def new_ports(lab, ends, limit):
-	"""Ports just made: held (nothing bridged) into br0 and up, the hold
-	lifted once their daemon has blocked them (its set-up does that
-	first), as a switch's own STP keeps a new port blocked until its
-	protocol takes it over. Without that a bridge without STP forwards on
-	a new port at once."""
+def new_ports(lab, ends, limit, t_back):
+	"""Ports just made: held (nothing bridged), into br0 and up. A switch's
+	own STP keeps a new port blocked until its protocol takes it over,
+	where a bridge without STP forwards at once; so, as the lab's heal
+	does for a returning port, the hold stays until the port's daemon has
+	written its port files anew (it set the port up again), the kernel
+	state is put to what the daemon last set (the kernel's carrier
+	handling may have overridden it), and then the hold is lifted.
+	t_back: when the re-creation began."""
 	for s, p in ends:
 		lab._hold(s, [p], True)
 		zlab.sh(['ip', '-n', lab.ns(s), 'link', 'set', p, 'master', 'br0'])
 		zlab.sh(['ip', '-n', lab.ns(s), 'link', 'set', p, 'up'])
-	t_back = time.time()
-	lab.wait(lambda: all(lab.kernel_port_state(s, p) == 'BLOCKING' for s, p in ends), limit, 0.002)
+
+	def rewritten(s, p):
+		try:
+			return os.stat(os.path.join(lab.run_dir(s), 'zalkv2', '1', p, 'physical_state')).st_mtime >= t_back
+		except OSError:
+			return False
+	lab._settle(ends)
+	lab.wait(lambda: all(rewritten(s, p) for s, p in ends), limit, 0.002)
 	for s, p in ends:
+		if lab.physical_state(s, p) == 'FORWARDING':
+			zlab.sh(['bridge', '-n', lab.ns(s), 'link', 'set', 'dev', p, 'state', '3'])
+		else:
+			lab._set_blocked(s, p)
 		lab._hold(s, [p], False)
-	return t_back
 
 
 def recreate_bridge(lab, s, gap, limit):
@@ -59,13 +70,15 @@ def recreate_bridge(lab, s, gap, limit):
 	t = time.time()
 	zlab.sh(['ip', '-n', ns, 'link', 'del', 'br0'])
 	time.sleep(gap)
+	t_back = time.time()
 	zlab.sh(['ip', '-n', ns, 'link', 'add', 'br0', 'type', 'bridge', 'stp_state', '0', 'forward_delay', '0',
 		 'mcast_snooping', '0'])
 	zlab.sh(['ip', '-n', ns, 'link', 'set', 'br0', 'address', lab.base_mac(s)])
 	zlab.sh(['ip', '-n', ns, 'link', 'set', 'br0', 'up'])
 	if lab.topo['switches'][s].get('host'):
 		zlab.sh(['ip', '-n', ns, 'link', 'set', 'zlhost', 'master', 'br0'])
-	return t, new_ports(lab, [(s, p) for p in ports], limit)
+	new_ports(lab, [(s, p) for p in ports], limit, t_back)
+	return t, t_back
 
 
 def recreate_link(lab, name, gap, limit):
@@ -74,11 +87,13 @@ def recreate_link(lab, name, gap, limit):
 	t = time.time()
 	zlab.sh(['ip', '-n', lab.ns(sa), 'link', 'del', pa])
 	time.sleep(gap)
+	t_back = time.time()
 	zlab.sh(['ip', 'link', 'add', 'zltmp0', 'netns', lab.ns(sa), 'type', 'veth', 'peer', 'name', 'zltmp1',
 		 'netns', lab.ns(sb)])
 	zlab.sh(['ip', '-n', lab.ns(sa), 'link', 'set', 'zltmp0', 'name', pa])
 	zlab.sh(['ip', '-n', lab.ns(sb), 'link', 'set', 'zltmp1', 'name', pb])
-	return t, new_ports(lab, [(sa, pa), (sb, pb)], limit)
+	new_ports(lab, [(sa, pa), (sb, pb)], limit, t_back)
+	return t, t_back
 
 
 def main():
@@ -98,6 +113,8 @@ def main():
 	try:
 		if not lab.wait(lambda: whole(lab), 20):
 			raise zlab.LabError('the ring did not close')
+		for s in lab.switches():
+			lab.write_file(s, '/run/zalkv2/debug', '129')  # state changes into each event log
 		for case in a.cases.split(','):
 			runs = []
 			for _ in range(a.reps):
@@ -115,7 +132,7 @@ def main():
 						 lost=lost, outage_s=round(zlab.interruption(res, t_del, t_whole + 1)[0], 3)))
 				print(case, runs[-1], flush=True)
 				if not ok:
-					print(zlab.sh([os.path.join(zlab.LAB_DIR, 'zlab'), 'status'], check=False)); print(open(os.path.join(lab.swdir('s2'), 'daemon.log')).read()[-1500:]); print(zlab.sh(['ls', '-R', lab.run_dir('s2')]))
+					print(zlab.sh([os.path.join(zlab.LAB_DIR, 'zlab'), 'status'], check=False)); os.system('grep -h "Enter LINK\\|Enter RX_LINK\\|Enter FLUSH" %s/sw/s2/tmp/zalk.log | tail -n 20; cat %s/sw/s*/run/zalkv2/1/state' % (lab.state, lab.state))
 					break
 				time.sleep(1.0)
 			ws = [r['whole_after_s'] for r in runs if r['whole']]
