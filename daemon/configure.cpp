@@ -121,6 +121,13 @@ bool note_missing(int ins)
 	return text[0] == 0;
 }
 
+void note_all_missing()
+{
+	for (int i = 0; i < ZALK_MAX_INSTANCES; i++)
+		if (instances[i].enabled)
+			note_missing(i);
+}
+
 // Rings whose set-up failed for want of br0: set up when it appears.
 // Their status directory holds only the file "missing".
 std::array<int32_t, ZALK_MAX_INSTANCES> waiting{};
@@ -427,9 +434,7 @@ void zalkv2_configure_instances(struct ev_loop *loop)
 		apply_changes(cfg, loop, false);
 	cfg_free(cfg);
 	resume(loop);
-	for (int i = 0; i < ZALK_MAX_INSTANCES; i++)
-		if (instances[i].enabled)
-			note_missing(i);
+	note_all_missing();
 }
 
 bool zalkv2_repair_instances(struct ev_loop *loop)
@@ -457,9 +462,7 @@ bool zalkv2_repair_instances(struct ev_loop *loop)
 		resume(loop);
 	}
 	cfg_free(cfg);
-	for (int i = 0; i < ZALK_MAX_INSTANCES; i++)
-		if (instances[i].enabled)
-			note_missing(i);
+	note_all_missing();
 	return any;
 }
 
