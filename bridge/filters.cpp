@@ -13,7 +13,6 @@
 #include <cstring>
 #include <net/if.h>
 
-#include "daemon/configure.h"
 #include "daemon/instance.h"
 #include "daemon/os.h"
 #include "daemon/commands.h"

@@ -30,3 +30,7 @@ int zalkv2_block_ring_macs(int ins, int ifindex, int add);
 void zalkv2_block_foreign_ring(int ring_id, int add);
 void zalkv2_block_unconfigured_rings(int add);
 void zalkv2_block_v0_macs(int add);
+// All drop filters of the daemon, installed (1) or removed (0) together;
+// the refresh removes and installs them again.
+void zalkv2_set_drop_filters(int add);
+void zalkv2_refresh_drop_filters();

@@ -1,15 +1,16 @@
 // Interface queries through the interface socket: hardware address and
 // whether the link is running.
+#include "bridge/ifquery.h"
+
 #include <cstdio>
 #include <cstring>
 #include <net/if.h>
 #include <sys/ioctl.h>
 
-#include "bridge/prepare.h"
 #include "daemon/os.h"
 #include "status/status.h"
 
-// Opened by bridge preparation; 0 while not open.
+// Opened by bridge preparation.
 int netsock = 0;
 
 namespace {
@@ -51,4 +52,11 @@ int zalkv2_if_running(int ifindex)
 	if (!ifreq_for(ifindex, ifr, name) || os_ioctl(netsock, SIOCGIFFLAGS, &ifr) < 0)
 		return 0;
 	return ifr.ifr_flags & IFF_RUNNING;
+}
+
+int zalkv2_if_master(int ifindex)
+{
+	if (ifindex <= 0)
+		return -1;
+	return os_if_master((unsigned)ifindex);
 }

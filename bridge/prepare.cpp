@@ -13,6 +13,7 @@
 
 #include "bridge/backup.h"
 #include "bridge/filters.h"
+#include "bridge/ifquery.h"
 #include "bridge/netlink_ops.h"
 #include "daemon/daemon.h"
 #include "daemon/instance.h"
@@ -54,6 +55,17 @@ void ingress_qdisc(int ins, int p, int add)
 		zlog(LOG_ERR, "Could not remove ingress qdisc of ring port %.16s\n", port.name);
 }
 
+// The index of the br0 that got the protocol VLANs of its own, 0 before
+// any. A bridge created anew (a platform's network reload) has none; the
+// first ring set up on it adds them.
+int vlans_on_bridge = 0;
+
+int add_bridge_vlans(int br)
+{
+	vlans_on_bridge = br;
+	return zalkv2_bridge_vlan(br, ZALK_MGNT_VLAN, 0, 1) + zalkv2_bridge_vlan(br, ZALK_RING_VLAN, 0, 1);
+}
+
 } // namespace
 
 int zalkv2_prepare_bridge()
@@ -75,8 +87,9 @@ int zalkv2_prepare_bridge()
 		zlog(LOG_ERR, "Failed to initialize netlink socket\n");
 	}
 
-	int ret = zalkv2_bridge_vlan(br, ZALK_MGNT_VLAN, 0, 1);
-	ret += zalkv2_bridge_vlan(br, ZALK_RING_VLAN, 0, 1);
+	// Without br0 the rings wait for it (their set-up says so) and the
+	// first one set up on it adds these.
+	int ret = br ? add_bridge_vlans(br) : 0;
 
 	tc_list_create();
 	qdisc_added = {};
@@ -94,6 +107,8 @@ int zalkv2_prepare_bridge_on_instance(int ins)
 	const int br = in.bridge_ifindex;
 	int ret = 0;
 
+	if (br != vlans_on_bridge)
+		ret += failed(add_bridge_vlans(br));
 	ret += failed(zalkv2_bridge_vlan(a, ZALK_MGNT_VLAN, 1, 1));
 	ret += failed(zalkv2_bridge_vlan(b, ZALK_MGNT_VLAN, 1, 1));
 	ret += failed(zalkv2_vlan_global_opt(br, ZALK_MGNT_VLAN, BRIDGE_VLANDB_GOPTS_MCAST_SNOOPING, 1));

@@ -4,12 +4,15 @@
 // set up in the lowest free slot.
 #include "daemon/configure.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "bridge/filters.h"
+#include "bridge/ifquery.h"
 #include "bridge/prepare.h"
 #include "daemon/config.h"
 #include "daemon/instance.h"
@@ -57,6 +60,94 @@ uint32_t blocked_port_of(int ins, cfg_t *ring_sec)
 	return strncmp(b.name, value, sizeof(b.name)) == 0 ? PORT_B : PORT_A;
 }
 
+// Room for "br0" or the names of two ring ports.
+constexpr size_t ZALK_MISSING_MAX = 40;
+
+// What a ring's set-up put on br0 and its ports lives only as long as
+// these interfaces: a bridge or port deleted and created again under the
+// same name (what a platform's network reload does) has none of it. So
+// the set-up's interfaces count among a ring's compared settings: br0
+// under the index it had, each ring port under its index and a port of
+// the same bridge as then.
+bool world_changed(int ins)
+{
+	const zalkv2_instance &in = instances[ins];
+	if ((int)os_if_nametoindex("br0") != in.bridge_ifindex)
+		return true;
+	for (const zalkv2_port &port : in.port)
+		if (zalkv2_port_configured(port) &&
+		    ((int)os_if_nametoindex(port.name) != port.ifindex || zalkv2_if_master(port.ifindex) != port.master))
+			return true;
+	return false;
+}
+
+// The interfaces a ring waits for before it can run again, separated by
+// a blank: "br0" while the bridge is gone, else each ring port that is
+// gone or no port of br0. Empty when none.
+void missing_of(int ins, char (&text)[ZALK_MISSING_MAX])
+{
+	const zalkv2_instance &in = instances[ins];
+	const int br = (int)os_if_nametoindex("br0");
+	text[0] = 0;
+	if (!br) {
+		snprintf(text, sizeof(text), "br0");
+		return;
+	}
+	for (const zalkv2_port &port : in.port) {
+		if (!zalkv2_port_configured(port))
+			continue;
+		const int now = (int)os_if_nametoindex(port.name);
+		if (now && zalkv2_if_master(now) == br)
+			continue;
+		const size_t at = strlen(text);
+		snprintf(text + at, sizeof(text) - at, "%s%.16s", at ? " " : "", port.name);
+	}
+}
+
+// What each running ring was last said to wait for; a change is logged
+// once and published as the ring's "missing" status file.
+std::array<char[ZALK_MISSING_MAX], ZALK_MAX_INSTANCES> missing_said{};
+
+// Publishes what a running ring waits for; true when it waits for nothing.
+bool note_missing(int ins)
+{
+	char text[ZALK_MISSING_MAX];
+	missing_of(ins, text);
+	if (strcmp(text, missing_said[ins]) != 0) {
+		if (text[0])
+			zlog(LOG_ERR, "Ring %d waits for %s\n", instances[ins].ring_id, text);
+		zalk_set_missing(instances[ins].ring_id, text);
+		memcpy(missing_said[ins], text, sizeof(text));
+	}
+	return text[0] == 0;
+}
+
+void note_all_missing()
+{
+	for (int i = 0; i < ZALK_MAX_INSTANCES; i++)
+		if (instances[i].enabled)
+			note_missing(i);
+}
+
+// Rings whose set-up failed for want of br0: set up when it appears.
+// Their status directory holds only the file "missing".
+std::array<int32_t, ZALK_MAX_INSTANCES> waiting{};
+size_t waiting_count = 0;
+
+void wait_for_bridge(int ring_id)
+{
+	if (waiting_count == waiting.size())
+		return; // more rings than slots: those could not run anyway
+	waiting[waiting_count++] = ring_id;
+	zlog(LOG_ERR, "Ring %d waits for br0\n", ring_id);
+	zalk_set_missing(ring_id, "br0");
+}
+
+bool is_waiting(const std::array<int32_t, ZALK_MAX_INSTANCES> &list, size_t count, int ring_id)
+{
+	return std::find(list.begin(), list.begin() + count, ring_id) != list.begin() + count;
+}
+
 bool section_unchanged(int ins, cfg_t *ring_sec)
 {
 	const zalkv2_instance &in = instances[ins];
@@ -75,7 +166,7 @@ bool section_unchanged(int ins, cfg_t *ring_sec)
 			return false;
 	}
 	return !zalkv2_port_config_changed(ins, PORT_A, ring_sec) &&
-	       !zalkv2_port_config_changed(ins, PORT_B, ring_sec);
+	       !zalkv2_port_config_changed(ins, PORT_B, ring_sec) && !world_changed(ins);
 }
 
 // A slot taken for a new ring starts from a clean protocol state: ring
@@ -134,6 +225,7 @@ bool setup_instance(cfg_t *ring_sec, int count)
 	int br = (int)os_if_nametoindex("br0");
 	if (!br) {
 		zlog(LOG_ERR, "Bridge do not exists\n");
+		wait_for_bridge((int32_t)cfg_getint(ring_sec, "ring-id"));
 		return false;
 	}
 	int ring_id = (int32_t)cfg_getint(ring_sec, "ring-id");
@@ -160,6 +252,7 @@ bool setup_instance(cfg_t *ring_sec, int count)
 		in.role = RING_TYPE_MEMBER;
 	}
 	in.enabled = 1;
+	missing_said[ins][0] = 0; // a new status tree says nothing yet
 
 	zalkv2_prepare_bridge_on_instance(ins);
 	block_ring_ports(ins);
@@ -229,22 +322,53 @@ bool nothing_changes(cfg_t *cfg)
 	return true;
 }
 
-// Rings gone from the file are torn down, changed ones set up again and
-// new ones set up, between the removal of the drop filters and their
-// installation.
-void apply_changes(cfg_t *cfg, struct ev_loop *loop)
+// A reload sets up every ring whose compared settings changed. A repair
+// (no signal: br0 or a ring port was re-created) sets up only the rings
+// whose interfaces are back whole under new indexes or masters, and the
+// rings that wait for br0 once it is there; it takes their sections from
+// the file as it stands, as a reload would.
+bool needs_setup(cfg_t *ring_sec, bool repair, const std::array<int32_t, ZALK_MAX_INSTANCES> &waited, size_t n_waited)
 {
+	const int ring_id = (int32_t)cfg_getint(ring_sec, "ring-id");
+	const int ins = zalkv2_find_instance(ring_id);
+	if (!repair)
+		return ins == -1 || !section_unchanged(ins, ring_sec);
+	if (ins == -1)
+		return is_waiting(waited, n_waited, ring_id) && os_if_nametoindex("br0");
+	char missing[ZALK_MISSING_MAX];
+	missing_of(ins, missing);
+	return !missing[0] && world_changed(ins);
+}
+
+// Rings gone from the file are torn down (on a reload), changed ones set
+// up again and new ones set up, between the removal of the drop filters
+// and their installation.
+void apply_changes(cfg_t *cfg, struct ev_loop *loop, bool repair)
+{
+	// Waiting rings are looked at anew; their directories go, so that a
+	// set-up finds no stale "missing" file.
+	const auto waited = waiting;
+	const size_t n_waited = waiting_count;
+	waiting_count = 0;
+	for (size_t w = 0; w < n_waited; w++) {
+		char dir[160];
+		remove_tree(zalk_path(dir, sizeof(dir), "/var/run/zalkv2/%d", waited[w]));
+	}
+
 	zalkv2_set_drop_filters(0);
-	for (int i = 0; i < ZALK_MAX_INSTANCES; i++)
+	for (int i = 0; i < ZALK_MAX_INSTANCES && !repair; i++)
 		if (instances[i].enabled && !ring_in_file(cfg, instances[i].ring_id))
 			zalkv2_teardown_instance(i, loop);
 
 	unsigned n = cfg_size(cfg, "zalk");
 	for (unsigned c = 0; c < n; c++) {
 		cfg_t *ring_sec = cfg_getnsec(cfg, "zalk", c);
-		int ins = zalkv2_find_instance((int32_t)cfg_getint(ring_sec, "ring-id"));
-		if (ins != -1 && section_unchanged(ins, ring_sec))
+		if (!needs_setup(ring_sec, repair, waited, n_waited))
 			continue;
+		int ins = zalkv2_find_instance((int32_t)cfg_getint(ring_sec, "ring-id"));
+		if (repair)
+			zlog(LOG_NOTICE, "Ring %ld: br0 or a ring port re-created, setting the ring up again\n",
+			     cfg_getint(ring_sec, "ring-id"));
 		if (ins != -1)
 			zalkv2_teardown_instance(ins, loop);
 		if (!setup_instance(ring_sec, (int)c))
@@ -308,9 +432,39 @@ void zalkv2_configure_instances(struct ev_loop *loop)
 	if (nothing_changes(cfg))
 		zalkv2_refresh_drop_filters(); // nothing else reaches the kernel
 	else
-		apply_changes(cfg, loop);
+		apply_changes(cfg, loop, false);
 	cfg_free(cfg);
 	resume(loop);
+	note_all_missing();
+}
+
+bool zalkv2_repair_instances(struct ev_loop *loop)
+{
+	bool due = waiting_count && os_if_nametoindex("br0");
+	for (int i = 0; i < ZALK_MAX_INSTANCES; i++)
+		if (instances[i].enabled && note_missing(i) && world_changed(i))
+			due = true;
+	if (!due)
+		return false;
+	// A file being edited must not stop a running daemon: the repair
+	// waits for the next change or SIGHUP instead.
+	cfg_t *cfg = zalkv2_read_config();
+	if (!cfg) {
+		zlog(LOG_ERR, "Rings not set up again: the configuration file cannot be used\n");
+		return false;
+	}
+	bool any = false;
+	for (unsigned c = 0; c < cfg_size(cfg, "zalk"); c++)
+		any = any || needs_setup(cfg_getnsec(cfg, "zalk", c), true, waiting, waiting_count);
+	if (any) {
+		zalk_status_batch status_at_the_end;
+		quiesce(loop);
+		apply_changes(cfg, loop, true);
+		resume(loop);
+	}
+	cfg_free(cfg);
+	note_all_missing();
+	return any;
 }
 
 void zalkv2_teardown_instance(int ins, struct ev_loop *loop)
@@ -330,25 +484,6 @@ void zalkv2_teardown_instance(int ins, struct ev_loop *loop)
 	if (in.role == RING_TYPE_FOCAL)
 		focal_ring_timer_stop(ins, loop);
 	zalkv2_teardown_bridge_on_instance(ins);
-}
-
-int zalkv2_find_instance(int ring_id)
-{
-	for (int i = 0; i < ZALK_MAX_INSTANCES; i++)
-		if (instances[i].enabled && instances[i].ring_id == ring_id)
-			return i;
-	return -1;
-}
-
-int zalkv2_alloc_instance(int ring_id)
-{
-	int ins = zalkv2_find_instance(ring_id);
-	if (ins != -1)
-		return ins;
-	for (int i = 0; i < ZALK_MAX_INSTANCES; i++)
-		if (!instances[i].enabled)
-			return i;
-	return -1;
 }
 
 int zalkv2_port_config_changed(int ins, int p, cfg_t *ring_sec)
@@ -385,6 +520,7 @@ void zalkv2_configure_port(int ins, int p, cfg_t *ring_sec)
 	port.hello_time = ms_to_seconds(hello_ms);
 	port.hello_time_ms = (uint32_t)hello_ms;
 	if_get_mac(port.ifindex, port.mac);
+	port.master = zalkv2_if_master(port.ifindex);
 	// Interface names are at most 15 characters; the field always keeps
 	// its terminating NUL.
 	const char *name = cfg_getstr(port_sec, "name");

@@ -7,9 +7,10 @@
 
 void zalkv2_configure_instances(struct ev_loop *loop);
 void zalkv2_teardown_instance(int ins, struct ev_loop *loop);
-int zalkv2_find_instance(int ring_id);
-int zalkv2_alloc_instance(int ring_id);
+// After br0 or a ring port was re-created: sets up again, as a reload
+// sets up a changed ring, every ring whose interfaces are back whole, and
+// the rings that wait for br0 once it is there; publishes what the others
+// wait for. True when it set a ring up.
+bool zalkv2_repair_instances(struct ev_loop *loop);
 int zalkv2_port_config_changed(int ins, int p, cfg_t *ring_sec);
 void zalkv2_configure_port(int ins, int p, cfg_t *ring_sec);
-void zalkv2_set_drop_filters(int add);
-void zalkv2_refresh_drop_filters();

@@ -14,6 +14,7 @@
 #include <sched.h>
 #include <signal.h>
 
+#include "bridge/filters.h"
 #include "bridge/prepare.h"
 #include "daemon/configure.h"
 #include "daemon/instance.h"
@@ -37,6 +38,22 @@ ev_signal sigquit_watcher;
 ev_signal sigterm_watcher;
 ev_signal sighup_watcher;
 ev_signal sigusr1_watcher;
+
+// The check after br0 or a ring port changed waits REPAIR_DELAY, so that
+// one network reload (bridge and ports deleted, created, moved) comes to
+// one set-up. A check that set rings up is followed by one more after
+// REPAIR_HOLDOFF, which takes in whatever changed meanwhile: a flapping
+// bridge costs at most two set-ups a second, never a spinning daemon.
+constexpr double REPAIR_DELAY = 0.05;
+constexpr double REPAIR_HOLDOFF = 0.5;
+
+void repair_cb(struct ev_loop *loop, ev_timer *w, int)
+{
+	const bool set_up = zalkv2_repair_instances(loop);
+	ev_timer_set(w, set_up ? REPAIR_HOLDOFF : REPAIR_DELAY, 0.);
+	if (set_up)
+		ev_timer_start(loop, w);
+}
 
 [[noreturn]] void usage(const char *argv0)
 {
@@ -126,6 +143,8 @@ void init_all()
 	zalkv2_hello_timers_init();
 	msg_bus_setup();
 	zalkv2_init_sockets();
+	if (!ev_is_active(&world_timer))
+		ev_timer_init(&world_timer, repair_cb, REPAIR_DELAY, 0.);
 
 	log_init("ZALKv2 get configuration");
 	zalkv2_configure_instances(main_loop);

@@ -76,6 +76,7 @@ struct zalkv2_port {
 	uint32_t hello_rx;
 	uint32_t hello_rx_seen;
 	uint8_t remote_bridge_id[8];
+	int32_t master;           // bridge the port was a port of at set-up (0 none)
 };
 
 // Per port, port A first: the last foreign ring id and the last differing
@@ -128,3 +129,8 @@ constexpr int PORT_B = 1;
 
 // A port with ifindex -1 does not exist for the ring; every walk skips it.
 inline bool zalkv2_port_configured(const zalkv2_port &p) { return p.ifindex != -1; }
+
+// Slot lookups by ring id: the lowest enabled slot of that ring, or -1;
+// allocation falls back to the lowest free slot (-1 when all ten are taken).
+int zalkv2_find_instance(int ring_id);
+int zalkv2_alloc_instance(int ring_id);

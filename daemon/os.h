@@ -47,6 +47,9 @@ int os_close(int fd);
 unsigned os_if_nametoindex(const char *name);
 char *os_if_indextoname(unsigned ifindex, char *name);
 int os_ioctl(int fd, unsigned long request, void *arg); // SIOCGIFHWADDR, SIOCGIFFLAGS
+// The index of the interface's master (the bridge it is a port of), 0
+// when it has none, -1 when there is no such interface.
+int os_if_master(unsigned ifindex);
 
 // External commands: argv[0] is looked up in the system's directories
 // (/usr/sbin, /sbin, /usr/bin, /bin), then in PATH, and run directly,

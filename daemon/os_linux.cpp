@@ -6,6 +6,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/if_link.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <sched.h>
 #include <signal.h>
@@ -84,6 +87,38 @@ char *os_if_indextoname(unsigned ifindex, char *name)
 }
 
 int os_ioctl(int fd, unsigned long request, void *arg) { return ioctl(fd, request, arg); }
+
+// One RTM_GETLINK on a socket of its own: asked only when rings are set
+// up or checked after a change of br0 or a ring port, never per frame.
+int os_if_master(unsigned ifindex)
+{
+	struct {
+		struct nlmsghdr h;
+		struct ifinfomsg ifi;
+	} req{};
+	req.h.nlmsg_len = sizeof(req);
+	req.h.nlmsg_type = RTM_GETLINK;
+	req.h.nlmsg_flags = NLM_F_REQUEST;
+	req.ifi.ifi_family = AF_UNSPEC;
+	req.ifi.ifi_index = (int)ifindex;
+	int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+	if (fd < 0)
+		return -1;
+	alignas(struct nlmsghdr) char buf[16384];
+	ssize_t len = -1;
+	if (send(fd, &req, sizeof(req), 0) == (ssize_t)sizeof(req))
+		len = recv(fd, buf, sizeof(buf), 0);
+	close(fd);
+	auto *h = reinterpret_cast<struct nlmsghdr *>(buf);
+	if (len < 0 || !NLMSG_OK(h, (unsigned)len) || h->nlmsg_type != RTM_NEWLINK)
+		return -1; // NLMSG_ERROR: no such interface
+	auto *ifi = static_cast<struct ifinfomsg *>(NLMSG_DATA(h));
+	int rest = (int)h->nlmsg_len - (int)NLMSG_LENGTH(sizeof(*ifi));
+	for (auto *a = IFLA_RTA(ifi); RTA_OK(a, rest); a = RTA_NEXT(a, rest))
+		if (a->rta_type == IFLA_MASTER && RTA_PAYLOAD(a) >= sizeof(uint32_t))
+			return (int)*static_cast<uint32_t *>(RTA_DATA(a));
+	return 0;
+}
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
-#include "bridge/prepare.h"
+#include "bridge/ifquery.h"
 #include "daemon/os.h"
 #include "frames/hello.h"
 #include "frames/sockets.h"
@@ -22,6 +22,7 @@
 
 struct rtnl_handle link_rth = {.fd = -1};
 ev_io link_watcher;
+ev_timer world_timer;
 
 namespace {
 
@@ -36,6 +37,40 @@ alignas(struct nlmsghdr) char link_buf[32768];
 
 // Header of a link message: the netlink header and the ifinfomsg.
 constexpr int LINK_MSG_HDR = NLMSG_LENGTH(sizeof(struct ifinfomsg));
+
+// Whether a link message tells of br0 or of a ring port being created,
+// deleted, re-created under a new index or moved to another master:
+// whatever a ring's set-up put on that interface is then gone. The full
+// (AF_UNSPEC) message tells all of it; the bridge family's repeat it.
+bool world_news(const struct nlmsghdr *n, struct ifinfomsg *ifi, int len)
+{
+	if (ifi->ifi_family != AF_UNSPEC || (n->nlmsg_type != RTM_NEWLINK && n->nlmsg_type != RTM_DELLINK))
+		return false;
+	struct rtattr *tb[IFLA_MAX + 1];
+	parse_rtattr_flags(tb, IFLA_MAX, IFLA_RTA(ifi), len, NLA_F_NESTED);
+	if (!tb[IFLA_IFNAME])
+		return false;
+	const char *name = static_cast<const char *>(RTA_DATA(tb[IFLA_IFNAME]));
+	const size_t name_len = strnlen(name, RTA_PAYLOAD(tb[IFLA_IFNAME]));
+	const bool gone = n->nlmsg_type == RTM_DELLINK;
+	const int master = tb[IFLA_MASTER] && RTA_PAYLOAD(tb[IFLA_MASTER]) >= 4
+				   ? (int)*static_cast<const uint32_t *>(RTA_DATA(tb[IFLA_MASTER]))
+				   : 0;
+	bool bridge_known = false;
+	for (const zalkv2_instance &in : instances) {
+		if (!in.enabled)
+			continue;
+		bridge_known = bridge_known || in.bridge_ifindex == ifi->ifi_index;
+		for (const zalkv2_port &port : in.port)
+			if (zalkv2_port_configured(port) && strnlen(port.name, sizeof(port.name)) == name_len &&
+			    memcmp(port.name, name, name_len) == 0 &&
+			    (gone || ifi->ifi_index != port.ifindex || master != port.master))
+				return true;
+	}
+	// The bridge's own messages (carrier, addresses) change nothing while
+	// it is the one the rings were set up on.
+	return name_len == 3 && memcmp(name, "br0", 3) == 0 && (gone || !bridge_known);
+}
 
 } // namespace
 
@@ -140,6 +175,10 @@ int netlink_listen(const struct sockaddr_nl *, struct nlmsghdr *n, void *)
 		return -1;
 
 	auto *ifi = static_cast<struct ifinfomsg *>(NLMSG_DATA(n));
+	// One check per burst: a network reload deletes and creates br0 and
+	// moves every port in a few milliseconds.
+	if (world_news(n, ifi, len) && ev_cb(&world_timer) && !ev_is_active(&world_timer))
+		ev_timer_start(EV_DEFAULT, &world_timer);
 	zalkv2_port *port = zalkv2_port_by_ifindex(ifi->ifi_index);
 	if (!port)
 		return 0;

@@ -11,6 +11,10 @@
 extern struct rtnl_handle link_rth;
 // Read watcher on link_rth's socket; initialised only when link_rth opened.
 extern ev_io link_watcher;
+// Started by a link message that tells of br0 or a ring port created,
+// deleted, re-created or moved to another master; its callback, set by
+// start-up, sets the rings up again. Left alone while not initialised.
+extern ev_timer world_timer;
 
 void zalkv2_init_sockets();
 void zalkv2_link_monitor_start();

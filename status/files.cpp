@@ -32,7 +32,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "bridge/prepare.h"
+#include "bridge/ifquery.h"
 #include "daemon/instance.h"
 #include "daemon/os.h"
 #include "daemon/util.h"
@@ -515,6 +515,28 @@ void zalk_remove_status(int ins)
 	forget(trees[ins]);
 	char dir[STATUS_PATH_MAX];
 	remove_tree(instance_dir(dir, instances[ins]));
+}
+
+void zalk_set_missing(int ring_id, const char *missing)
+{
+	char root[STATUS_PATH_MAX], dir[STATUS_PATH_MAX];
+	zalk_path(dir, sizeof(dir), "%s/%d", sc::ROOT, ring_id);
+	status_dir top, ring;
+	if (*missing) {
+		if (make_dir(root_dir(root), AT_FDCWD, root, top) == 0 &&
+		    make_dir(dir, top.fd, strrchr(dir, '/') + 1, ring) == 0 &&
+		    put_file(ring.fd, sc::MISSING, missing, nullptr))
+			report_failure(dir, sc::MISSING);
+	} else {
+		// absent already when nothing was missing; never through a link
+		const int fd = open(dir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+		if (fd >= 0) {
+			unlinkat(fd, sc::MISSING, 0);
+			close(fd);
+		}
+	}
+	top.close_dir();
+	ring.close_dir();
 }
 
 namespace {

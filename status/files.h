@@ -6,6 +6,9 @@ int zalk_status_setup(int ins);
 void zalk_set_status(int ins);
 void zalk_set_port_status(int ins, int port);
 void zalk_remove_status(int ins);
+// The file "missing" of ring ring_id: the interfaces the ring waits for
+// while there are any; removed when the text is empty.
+void zalk_set_missing(int ring_id, const char *missing);
 int remove_tree(const char *path);
 int zalk_port_logical_state(int ins, int port);
 int write_text_file(const char *dir, const char *name, const char *text);

@@ -20,6 +20,8 @@ constexpr const char *RING_ID = "ring-id";
 constexpr const char *TC_COUNT = "tc_count";
 constexpr const char *TC_JIFFIES = "tc_jiffies";
 constexpr const char *STATE = "state";
+// Only while the ring waits for br0 or a ring port: what it waits for.
+constexpr const char *MISSING = "missing";
 
 // In each port directory <ROOT>/<ring id>/<interface name>/.
 constexpr const char *HELLO_TIME = "hello_time";

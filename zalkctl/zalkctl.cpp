@@ -26,7 +26,7 @@
 //
 // status --json prints {"rings": [...]}, rings in ring-id order, each
 // {"ring_id": int, "role": str, "state": str|null, "whole": bool,
-//  "tc_count": int|null, "tc_age_s": int|null, "ring_interval_ms": int
+//  "missing": str|null (the interfaces the ring waits for), "tc_count": int|null, "tc_age_s": int|null, "ring_interval_ms": int
 //  (focal points), "ports": [{"name": str, "port": "A"|"B"|null,
 //  "link": int|null, "physical_state": str|null, "logical_state":
 //  str|null, "hello_enable": bool|null, "hello_time_ms": int|null,
@@ -130,12 +130,20 @@ struct Port {
 struct Ring {
 	long id = 0;
 	std::optional<std::string> role, state;
+	// The interfaces the ring waits for (br0, or ring ports gone or out
+	// of br0): its ring state then tells nothing about the ring.
+	std::optional<std::string> missing;
 	std::optional<long> tc_count, tc_jiffies, interval;
 	std::vector<Port> ports;
 	bool focal() const { return role && *role == sc::type_texts[RING_TYPE_FOCAL]; }
-	bool whole() const { return state && *state == sc::ring_state_texts[sc::whole_state[focal() ? RING_TYPE_FOCAL : RING_TYPE_MEMBER]]; }
-	// The files every enabled ring has once it is set up.
-	bool complete() const { return role && state && tc_count && tc_jiffies; }
+	bool whole() const
+	{
+		return !missing && state && *state == sc::ring_state_texts[sc::whole_state[focal() ? RING_TYPE_FOCAL : RING_TYPE_MEMBER]];
+	}
+	std::string verdict() const { return whole() ? "whole" : missing ? "waits for " + *missing : "broken"; }
+	// The files every enabled ring has once it is set up; a ring that
+	// waits for br0 has only "missing".
+	bool complete() const { return missing || (role && state && tc_count && tc_jiffies); }
 };
 
 long uptime_now()
@@ -186,6 +194,7 @@ Ring read_ring(long id, const std::vector<std::string> &config_order)
 	std::string dir = std::string(root) + "/" + std::to_string(id) + "/";
 	r.role = read_value(dir + sc::TYPE);
 	r.state = read_value(dir + sc::STATE);
+	r.missing = read_value(dir + sc::MISSING);
 	r.tc_count = read_long(dir + sc::TC_COUNT);
 	r.tc_jiffies = read_long(dir + sc::TC_JIFFIES);
 	r.interval = read_long(dir + sc::RING_INTERVAL);
@@ -311,7 +320,7 @@ void print_text(const std::vector<Ring> &rings)
 			printf("\n");
 		first = false;
 		printf("ring %ld  %s  %s  (%s)\n", r.id, or_unknown(r.role).c_str(), or_unknown(r.state).c_str(),
-		       r.whole() ? "whole" : "broken");
+		       r.verdict().c_str());
 		auto age = tc_age(r, up);
 		printf("  topology changes %s, last %s ago\n", or_unknown(r.tc_count).c_str(),
 		       age ? age_text(*age).c_str() : "?");
@@ -355,9 +364,11 @@ void print_json(const std::vector<Ring> &rings)
 	printf("{\"rings\": [");
 	for (size_t i = 0; i < rings.size(); i++) {
 		const Ring &r = rings[i];
-		printf("%s{\"ring_id\": %ld, \"role\": %s, \"state\": %s, \"whole\": %s, \"tc_count\": %s, \"tc_age_s\": %s",
+		printf("%s{\"ring_id\": %ld, \"role\": %s, \"state\": %s, \"whole\": %s, \"missing\": %s, \"tc_count\": %s, "
+		       "\"tc_age_s\": %s",
 		       i ? ", " : "", r.id, json_string(r.role).c_str(), json_string(r.state).c_str(),
-		       r.whole() ? "true" : "false", json_number(r.tc_count).c_str(), json_number(tc_age(r, up)).c_str());
+		       r.whole() ? "true" : "false", json_string(r.missing).c_str(), json_number(r.tc_count).c_str(),
+		       json_number(tc_age(r, up)).c_str());
 		if (r.interval)
 			printf(", \"ring_interval_ms\": %ld", *r.interval);
 		printf(", \"ports\": [");

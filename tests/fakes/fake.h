@@ -29,6 +29,7 @@ struct Iface {
 	int index;
 	uint8_t mac[6];
 	bool running; // IFF_RUNNING
+	int master = -1; // os_if_master; -1: the index of "br0" when there is one, else 0
 };
 
 // What os_recvmsg hands out, one entry per call: a datagram, or with

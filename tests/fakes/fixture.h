@@ -12,6 +12,7 @@
 
 #include "bridge/backup.h"
 #include "bridge/filters.h"
+#include "bridge/ifquery.h"
 #include "bridge/netlink_ops.h"
 #include "bridge/prepare.h"
 #include "daemon/instance.h"

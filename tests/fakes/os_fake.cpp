@@ -189,6 +189,15 @@ unsigned os_if_nametoindex(const char *name)
 	return i ? (unsigned)i->index : 0;
 }
 
+int os_if_master(unsigned ifindex)
+{
+	Iface *i = iface_by_index((int)ifindex);
+	if (!i)
+		return -1;
+	Iface *br = iface_by_name("br0");
+	return i->master >= 0 ? i->master : br ? br->index : 0;
+}
+
 char *os_if_indextoname(unsigned ifindex, char *name)
 {
 	Iface *i = iface_by_index((int)ifindex);

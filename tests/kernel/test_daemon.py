@@ -210,6 +210,38 @@ class Daemon(unittest.TestCase):
 		p.send_signal(signal.SIGTERM)
 		p.communicate(timeout=10)  # the mount point itself stays
 
+	def test_ring_comes_back_whole_on_a_recreated_bridge_and_port_without_a_signal(self):
+		# A ring of one switch: its two ports are the two ends of one veth.
+		def whole():
+			return read(RUN + '/5/state') == 'Ring Ok' and read(RUN + '/5/missing') is None
+
+		def ports_in_br0():
+			sh('ip link add zs1 type veth peer name zs2 && for p in zs1 zs2; do ip link set $p up master br0; done')
+		conf = ('zalk ring5 {\n ring-id = 5\n ring-role = focal\n ring-interval = 50\n'
+			' port a { name = zs1\n hello-enable = 0 }\n port b { name = zs2\n hello-enable = 0 }\n}\n')
+		ports_in_br0()
+		self.addCleanup(sh, 'ip link del zs1 2>/dev/null || true')
+		p = self.start(conf=conf)
+		self.assertTrue(wait_until(whole, 5))
+		# a platform's network reload: br0 and its ports anew (the other tests' ports too)
+		sh('ip link del br0')
+		self.assertTrue(wait_until(lambda: read(RUN + '/5/missing') == 'br0', 5))
+		sh('ip link add br0 type bridge && ip link set br0 up')
+		sh("""for p in zr3a '$(>m)' 'r;>q' zs1 zs2; do ip link set "$p" master br0; done""")
+		start = time.monotonic()
+		self.assertTrue(wait_until(lambda: whole() and 'port zs2 grp 03:4b:a1:01:05' in out('bridge mdb show dev br0'), 5))
+		back = [time.monotonic() - start]
+		# a ring port deleted (its veth peer with it) and created anew under new indexes
+		sh('ip link del zs1')
+		self.assertTrue(wait_until(lambda: read(RUN + '/5/missing') == 'zs1 zs2', 5))
+		ports_in_br0()
+		start = time.monotonic()
+		self.assertTrue(wait_until(lambda: whole() and 'port zs2 grp 03:4b:a1:01:05' in out('bridge mdb show dev br0'), 5))
+		back.append(time.monotonic() - start)
+		print('ring whole again after %.3f s (br0) and %.3f s (ports)' % tuple(back))
+		p.send_signal(signal.SIGTERM)
+		self.assertEqual(p.wait(timeout=10), 0)
+
 
 if __name__ == '__main__':
 	unittest.main()

@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "bridge/netlink_ops.h"
+#include "bridge/ifquery.h"
 #include "bridge/prepare.h"
 #include "daemon/os.h"
 #include "frames/frames.h"

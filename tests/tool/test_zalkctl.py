@@ -183,6 +183,13 @@ class Tree(unittest.TestCase):
 						     hello_enable=True, hello_time_ms=500, blocked=False))
 		self.assertEqual([p['name'] for p in r['ports']], ['eth2', 'eth1'])
 		self.assertEqual([r['ring_id'] for r in json.loads(self.z('-j', 'status')[1])['rings']], [7, 12])
+		# A ring whose port left br0 is not whole, whatever its state; one that waits for br0 has no other file.
+		self.write(7, dict(missing='eth1'))
+		self.write(5, dict(missing='br0'))
+		rc, out, err = self.z('status')
+		self.assertEqual((rc, out.splitlines()[0], err), (0, 'ring 5  ?  ?  (waits for br0)', ''))
+		self.assertIn('ring 7  focal-point  Ring Ok  (waits for eth1)', out)
+		self.assertEqual([(r['whole'], r['missing']) for r in json.loads(self.z('-j', 'status', '7')[1])['rings']], [(False, 'eth1')])
 
 	def test_metrics(self):
 		rc, out, err = self.z('metrics')

@@ -224,14 +224,64 @@ TEST_F(Configure, SectionsThatCannotBeSetUp)
 	apply(ring(1, "focal", {"eth1"}, "  blocked-port = eth2\n")); // without port B there is nothing else to block
 	EXPECT_EQ(instances[0].blocked_port, 0u);
 
-	// Without the bridge new and changed rings fail, running ones stay.
+	// Without the bridge every ring fails, a running one too (its bridge is gone), and waits for br0, which its
+	// status says; when br0 is back (new index) they are set up without a signal, the new bridge's own VLANs first.
 	fake::ifaces.erase(fake::ifaces.begin()); // br0
 	mark(1);
-	apply(ring(1, "focal", {"eth1"}, "  blocked-port = eth2\n") + ring(2, "member", {"eth2"}));
-	EXPECT_TRUE(marked(1));
-	EXPECT_TRUE(has(errors(), "Bridge do not exists\n"));
-	apply(ring(1, "member", {"eth1"}));
+	clear();
+	const std::string both = ring(1, "focal", {"eth1"}, "  blocked-port = eth2\n") + ring(2, "member", {"eth2"});
+	apply(both);
 	EXPECT_EQ(zalkv2_find_instance(1) + zalkv2_find_instance(2), -2);
+	EXPECT_EQ(errors(), (Lines{"Bridge do not exists\n", "Ring 1 waits for br0\n", "Setup of ZALKv2 instance failed\n\n", "Bridge do not exists\n",
+				   "Ring 2 waits for br0\n", "Setup of ZALKv2 instance failed\n\n"}));
+	EXPECT_EQ(fake::read_file("/var/run/zalkv2/1/missing") + fake::read_file("/var/run/zalkv2/2/missing"), "br0br0");
+	EXPECT_FALSE(zalkv2_repair_instances(loop));
+	const uint8_t mac[6] = {0x02, 0, 0, 0, 0, 0};
+	fake::add_iface("br0", 7, mac);
+	clear();
+	record_sequence();
+	EXPECT_TRUE(zalkv2_repair_instances(loop));
+	EXPECT_EQ(instances[0].bridge_ifindex + instances[1].bridge_ifindex, 14);
+	EXPECT_EQ(Lines(seq.begin(), seq.begin() + 3), (Lines{"vlan add 7 4021 self", "vlan add 7 4022 self", "vlan add 11 4021 master"}));
+	EXPECT_EQ(notices(), (Lines{"Ring 1: br0 or a ring port re-created, setting the ring up again\n", "Ring 2: br0 or a ring port re-created, setting the ring up again\n"}));
+	EXPECT_FALSE(fake::file_exists("/var/run/zalkv2/1/missing") || fake::file_exists("/var/run/zalkv2/2/missing"));
+	EXPECT_FALSE(zalkv2_repair_instances(loop)) << "nothing left to set up";
+}
+
+// Without a signal: a running ring whose bridge or port is gone, or no port of br0, waits and says so; once
+// the interfaces are back whole under new indexes it is set up again. A reload counts a moved port as a change.
+TEST_F(Configure, ARingWaitsForItsReCreatedInterfacesAndIsSetUpAgainOnThem)
+{
+	const std::string r2 = ring(2, "member", {"eth3;hello-enable = 0\n", "eth4"});
+	apply(r2);
+	mark(2);
+	fake::Iface br0 = fake::ifaces.front();
+	fake::ifaces.erase(fake::ifaces.begin());
+	fake::iface_by_name("eth4")->index = 99; // deleted and created anew, in no bridge
+	fake::iface_by_name("eth4")->master = 0;
+	clear();
+	for (const char *missing : {"br0", "eth4"}) {
+		EXPECT_FALSE(zalkv2_repair_instances(loop));
+		EXPECT_FALSE(zalkv2_repair_instances(loop)) << "said once";
+		EXPECT_EQ(fake::read_file("/var/run/zalkv2/2/missing"), missing);
+		EXPECT_EQ(errors(), Lines{std::string("Ring 2 waits for ") + missing + "\n"});
+		EXPECT_TRUE(marked(2)) << "left as it is";
+		fake::ifaces.insert(fake::ifaces.begin(), br0);
+		clear();
+	}
+	fake::iface_by_name("eth4")->master = 2;
+	record_sequence();
+	EXPECT_TRUE(zalkv2_repair_instances(loop));
+	EXPECT_FALSE(marked(2) || fake::file_exists("/var/run/zalkv2/2/missing"));
+	EXPECT_EQ(instances[0].port[PORT_B].ifindex, 99);
+	EXPECT_TRUE(has(seq, "vlan add 99 4021 master"));
+	EXPECT_FALSE(has(seq, "vlan add 2 4021 self")) << "the same bridge";
+
+	mark(2);
+	fake::iface_by_name("eth3")->master = 5;
+	apply(r2);
+	EXPECT_FALSE(marked(2));
+	EXPECT_EQ(fake::read_file("/var/run/zalkv2/2/missing"), "eth3");
 }
 
 using ConfigureDeathTest = Configure;

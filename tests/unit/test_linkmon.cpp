@@ -19,17 +19,20 @@ void put_attr(Bytes &m, uint16_t type, const void *data, size_t len)
 }
 
 // One link message as the kernel sends it, padded for the next one.
-Bytes link_msg(int ifindex, uint8_t oper, const char *name = "x")
+Bytes link_msg(int ifindex, uint8_t oper, const char *name = "x", uint16_t type = RTM_NEWLINK, uint8_t family = AF_UNSPEC,
+	       uint32_t master = 0)
 {
 	Bytes m(NLMSG_LENGTH(sizeof(ifinfomsg)), 0);
-	ifinfomsg ifi{AF_UNSPEC, 0, 0, ifindex, 0, 0};
+	ifinfomsg ifi{family, 0, 0, ifindex, 0, 0};
 	memcpy(&m[NLMSG_HDRLEN], &ifi, sizeof(ifi));
 	uint8_t nest[8] = {}; // a nested attribute flagged the way newer kernels flag them
 	put_attr(m, IFLA_AF_SPEC | NLA_F_NESTED, nest, sizeof(nest));
 	if (name)
 		put_attr(m, IFLA_IFNAME, name, strlen(name) + 1);
 	put_attr(m, IFLA_OPERSTATE, &oper, 1);
-	nlmsghdr h{(uint32_t)m.size(), RTM_NEWLINK, 0, 0, 0};
+	if (master)
+		put_attr(m, IFLA_MASTER, &master, 4);
+	nlmsghdr h{(uint32_t)m.size(), type, 0, 0, 0};
 	memcpy(&m[0], &h, sizeof(h));
 	return m;
 }
@@ -84,6 +87,37 @@ TEST_F(LinkMon, CarrierLossIsPostedBeforeFramesReadInTheSamePass)
 		ev_invoke_pending(loop);
 		EXPECT_EQ(events(), "0:LINKB1_0 0:RX_LINKA_0") << "frame seen first: " << first_frame;
 	}
+}
+
+// Which link messages start the check that sets rings up again: those telling of br0 or a ring port
+// deleted, created under another index or moved to another master; not the rings' own bridge's news,
+// nor the bridge family's repeats, nor a ring port's carrier.
+TEST_F(LinkMon, ReCreatedBridgeOrRingPortStartsTheRepairCheck)
+{
+	make_ring(0, RING_TYPE_MEMBER); // eth1 11, eth2 12, br0 2
+	instances[0].port[PORT_A].master = instances[0].port[PORT_B].master = 2;
+	ev_timer_init(&world_timer, [](struct ev_loop *, ev_timer *, int) {}, 1., 0.);
+	struct {
+		Bytes msg;
+		bool starts;
+	} const cases[] = {
+		{link_msg(11, IF_OPER_DOWN, "eth1", RTM_NEWLINK, AF_UNSPEC, 2), false},
+		{link_msg(2, IF_OPER_UP, "br0"), false},
+		{link_msg(11, IF_OPER_DOWN, "eth1", RTM_DELLINK, AF_BRIDGE, 2), false},
+		{link_msg(31, IF_OPER_DOWN, "eth11"), false},
+		{link_msg(11, IF_OPER_DOWN, "eth1", RTM_DELLINK), true},
+		{link_msg(41, IF_OPER_DOWN, "eth2", RTM_NEWLINK, AF_UNSPEC, 2), true},
+		{link_msg(12, IF_OPER_UP, "eth2"), true},
+		{link_msg(12, IF_OPER_UP, "eth2", RTM_NEWLINK, AF_UNSPEC, 7), true},
+		{link_msg(2, IF_OPER_DOWN, "br0", RTM_DELLINK), true},
+		{link_msg(7, IF_OPER_UP, "br0"), true},
+	};
+	for (auto &c : cases) {
+		ev_timer_stop(loop, &world_timer);
+		feed(c.msg);
+		EXPECT_EQ(ev_is_active(&world_timer) != 0, c.starts) << hex(c.msg);
+	}
+	ev_timer_stop(loop, &world_timer);
 }
 
 class Hello : public Unit {
