@@ -17,6 +17,7 @@
 #include "daemon/configure.h"
 #include "daemon/instance.h"
 #include "daemon/os.h"
+#include "daemon/service.h"
 #include "daemon/util.h"
 #include "frames/hello.h"
 #include "frames/linkmon.h"
@@ -91,6 +92,7 @@ static void log_init(const char *text)
 
 void init_all()
 {
+	service_init();
 	main_loop = ev_default_loop(0);
 	log_init("ZALKv2 starting initializing");
 
@@ -136,6 +138,7 @@ void init_all()
 	}
 
 	log_init("Setup finished and ZALKv2 started");
+	service_ready(main_loop);
 }
 
 int zalk_main(int argc, char *argv[])
@@ -148,6 +151,7 @@ int zalk_main(int argc, char *argv[])
 
 void sigterm_cb(struct ev_loop *loop, ev_signal *, int)
 {
+	service_stopping();
 	int runlevel = get_runlevel();
 
 	errno = 0;
@@ -179,7 +183,9 @@ void sigterm_cb(struct ev_loop *loop, ev_signal *, int)
 
 void sighup_cb(struct ev_loop *loop, ev_signal *, int)
 {
+	service_reloading();
 	zalkv2_configure_instances(loop);
+	service_reloaded();
 }
 
 void sigusr1_cb(struct ev_loop *, ev_signal *, int)
