@@ -28,7 +28,9 @@ void service_ready(struct ev_loop *loop)
 	ev_timer_start(loop, &watchdog_timer);
 }
 
-void service_reloading() { os_notify("RELOADING=1"); }
+// A reconfiguration blocks the loop while it runs its commands: a fresh
+// tick at its start gives it the whole watchdog period.
+void service_reloading() { os_notify(watchdog_usec ? "RELOADING=1\nWATCHDOG=1" : "RELOADING=1"); }
 
 void service_reloaded() { os_notify("READY=1"); }
 

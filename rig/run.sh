@@ -62,6 +62,15 @@ cat > "$JOB/env" <<EOF
 RIG_SRC=$SRC
 RIG_BUILD=$BUILD
 EOF
+# A check that starts with "# rig: systemd" boots a Debian root of its own
+# with systemd as PID 1 instead of sharing this machine's /usr and /etc.
+if head -1 "$SCRIPT" | grep -q '^# rig: systemd'; then
+	ROOTFS=$("$RIG_DIR/prepare-root.sh") || fail_setup "preparing the Debian root (see above)"
+	echo "RIG_SYSTEMD=1" >> "$JOB/env"
+	SHARES="$(share root "$ROOTFS")"
+else
+	SHARES="$(share usr /usr) $(share etc /etc) $(share dpkg /var/lib/dpkg)"
+fi
 
 # Same-path shares: the guest sees the trees where the host has them.
 share() { # tag path [rw]
@@ -81,7 +90,7 @@ timeout --foreground -k 5 "$TIMEOUT" qemu-system-x86_64 \
 	-nodefaults -display none -serial stdio -no-reboot \
 	-kernel "$KERNEL" -initrd "$INITRD" \
 	-append "console=ttyS0 quiet loglevel=1 mitigations=off panic=-1 tsc=reliable no_timer_check cryptomgr.notests acpi=off" \
-	$(share usr /usr) $(share etc /etc) $(share src "$SRC") $(share build "$BUILD") $(share dpkg /var/lib/dpkg) $(share job "$JOB" rw) \
+	$SHARES $(share src "$SRC") $(share build "$BUILD") $(share job "$JOB" rw) \
 	</dev/null
 qrc=$?
 set -e
