@@ -26,8 +26,8 @@ files=$(dpkg-deb -c "$DEB" | awk '{print $6}' | grep -v '/$' | sort)
 MA=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 same "contents: programs, unit, manuals, example, template, dissector, Debian's doc files" "./etc/zalkv2d.conf
 ./lib/systemd/system/zalkv2d.service
-./usr/lib/$MA/wireshark/plugins/zalkv2.lua
 ./usr/lib/sysusers.d/zalkv2d.conf
+./usr/lib/$MA/wireshark/plugins/zalkv2.lua
 ./usr/sbin/zalkctl
 ./usr/sbin/zalkv2d
 ./usr/share/doc/zalkv2d/changelog.gz
