@@ -173,7 +173,7 @@ void sigterm_cb(struct ev_loop *loop, ev_signal *, int)
 	zalkv2_teardown();
 
 	char path[160];
-	remove_tree(zalk_path(path, sizeof(path), "%szalkv2", "/var/run/"));
+	service_remove_tree(zalk_path(path, sizeof(path), "%szalkv2", "/var/run/"));
 
 	if (zalk_debug(ZALK_NOTE))
 		zlog(LOG_NOTICE, "%s() - Terminate ZALK\n", "sigterm_cb");

@@ -16,3 +16,7 @@ void service_reloading();
 void service_reloaded();
 // At the start of the orderly shutdown.
 void service_stopping();
+// Removes the status tree at shutdown. The directory systemd made for the
+// service (RuntimeDirectory, which the daemon, not being root, could not
+// remove) is only emptied: systemd removes it when the service stops.
+void service_remove_tree(const char *path);

@@ -62,6 +62,14 @@ cat > "$JOB/env" <<EOF
 RIG_SRC=$SRC
 RIG_BUILD=$BUILD
 EOF
+
+# Same-path shares: the guest sees the trees where the host has them.
+share() { # tag path [rw]
+	ro=",readonly=on"
+	[ "${3:-}" = rw ] && ro=""
+	echo "-fsdev local,id=$1,path=$2,security_model=none$ro -device virtio-9p-pci,fsdev=$1,mount_tag=$1"
+}
+
 # A check that starts with "# rig: systemd" boots a Debian root of its own
 # with systemd as PID 1 instead of sharing this machine's /usr and /etc.
 if head -1 "$SCRIPT" | grep -q '^# rig: systemd'; then
@@ -71,13 +79,6 @@ if head -1 "$SCRIPT" | grep -q '^# rig: systemd'; then
 else
 	SHARES="$(share usr /usr) $(share etc /etc) $(share dpkg /var/lib/dpkg)"
 fi
-
-# Same-path shares: the guest sees the trees where the host has them.
-share() { # tag path [rw]
-	ro=",readonly=on"
-	[ "${3:-}" = rw ] && ro=""
-	echo "-fsdev local,id=$1,path=$2,security_model=none$ro -device virtio-9p-pci,fsdev=$1,mount_tag=$1"
-}
 
 TIMEOUT=${RIG_TIMEOUT:-300}
 # Emulated, never KVM (nested virtualisation fails on these machines); the
