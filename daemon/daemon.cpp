@@ -19,6 +19,7 @@
 #include "daemon/configure.h"
 #include "daemon/instance.h"
 #include "daemon/os.h"
+#include "daemon/service.h"
 #include "daemon/util.h"
 #include "frames/hello.h"
 #include "frames/linkmon.h"
@@ -111,6 +112,7 @@ static void log_init(const char *text)
 
 void init_all()
 {
+	service_init();
 	main_loop = ev_default_loop(0);
 	log_init("ZALKv2 starting initializing");
 
@@ -158,6 +160,7 @@ void init_all()
 	}
 
 	log_init("Setup finished and ZALKv2 started");
+	service_ready(main_loop);
 }
 
 int zalk_main(int argc, char *argv[])
@@ -170,6 +173,7 @@ int zalk_main(int argc, char *argv[])
 
 void sigterm_cb(struct ev_loop *loop, ev_signal *, int)
 {
+	service_stopping();
 	int runlevel = get_runlevel();
 
 	errno = 0;
@@ -191,7 +195,7 @@ void sigterm_cb(struct ev_loop *loop, ev_signal *, int)
 	zalkv2_teardown();
 
 	char path[160];
-	remove_tree(zalk_path(path, sizeof(path), "%szalkv2", "/var/run/"));
+	service_remove_tree(zalk_path(path, sizeof(path), "%szalkv2", "/var/run/"));
 
 	if (zalk_debug(ZALK_NOTE))
 		zlog(LOG_NOTICE, "%s() - Terminate ZALK\n", "sigterm_cb");
@@ -201,7 +205,9 @@ void sigterm_cb(struct ev_loop *loop, ev_signal *, int)
 
 void sighup_cb(struct ev_loop *loop, ev_signal *, int)
 {
+	service_reloading();
 	zalkv2_configure_instances(loop);
+	service_reloaded();
 }
 
 void sigusr1_cb(struct ev_loop *, ev_signal *, int)

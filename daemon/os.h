@@ -73,3 +73,11 @@ int os_pclose(FILE *f);
 // Scheduling and signals.
 int os_sched_setscheduler(int policy, int priority);
 int os_kill(pid_t pid, int sig);
+
+// systemd's notification socket. os_notify_setup takes it and the
+// watchdog period from the environment (NOTIFY_SOCKET, WATCHDOG_USEC) and
+// removes them from it; it returns the period in microseconds, 0 for no
+// watchdog. os_notify sends a state such as "READY=1" without ever
+// waiting (a full socket drops it); nothing without NOTIFY_SOCKET.
+uint64_t os_notify_setup();
+void os_notify(const char *state);

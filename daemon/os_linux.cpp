@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <fcntl.h>
 #include <linux/if_link.h>
 #include <linux/netlink.h>
@@ -19,6 +20,7 @@
 #include <sys/stat.h>
 #include <sys/sysinfo.h>
 #include <sys/wait.h>
+#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -345,3 +347,48 @@ int os_sched_setscheduler(int policy, int priority)
 }
 
 int os_kill(pid_t pid, int sig) { return kill(pid, sig); }
+
+namespace {
+
+int notify_fd = -1;
+struct sockaddr_un notify_addr;
+socklen_t notify_len;
+
+} // namespace
+
+// libsystemd's sd_notify is not used: it sends on a blocking socket, and
+// a notification socket whose queue is full (systemd busy, or a test that
+// does not read) would freeze the whole daemon inside it. Here a
+// notification that cannot go at once is dropped, like a frame: the next
+// watchdog tick comes within half a period.
+uint64_t os_notify_setup()
+{
+	const char *path = getenv("NOTIFY_SOCKET");
+	size_t len = path ? strlen(path) : 0;
+	if (len >= 2 && len < sizeof(notify_addr.sun_path) && (path[0] == '/' || path[0] == '@')) {
+		notify_addr.sun_family = AF_UNIX;
+		memcpy(notify_addr.sun_path, path, len);
+		if (path[0] == '@')
+			notify_addr.sun_path[0] = 0; // an abstract name has no terminating zero
+		notify_len = (socklen_t)(offsetof(struct sockaddr_un, sun_path) + len + (path[0] == '/'));
+		notify_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+	}
+	// WATCHDOG_PID, when set, names the process the watchdog is meant for.
+	const char *pid = getenv("WATCHDOG_PID");
+	const char *usec = getenv("WATCHDOG_USEC");
+	uint64_t period = 0;
+	if (notify_fd >= 0 && usec && (!pid || strtol(pid, nullptr, 10) == getpid()))
+		period = strtoull(usec, nullptr, 10);
+	// The commands the daemon runs must not speak for it: systemctl's
+	// runlevel, for one, would send its own state there.
+	for (const char *name : {"NOTIFY_SOCKET", "WATCHDOG_PID", "WATCHDOG_USEC"})
+		unsetenv(name);
+	return period;
+}
+
+void os_notify(const char *state)
+{
+	if (notify_fd >= 0)
+		sendto(notify_fd, state, strlen(state), MSG_DONTWAIT | MSG_NOSIGNAL, (const struct sockaddr *)&notify_addr,
+		       notify_len);
+}

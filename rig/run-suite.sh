@@ -21,8 +21,10 @@ cmake --build "$BUILD" --target zalkv2d zalkv2d-lab rigctl >/dev/null ||
 RIG_DEB=$("$SRC/tools/build-deb.sh" "$BUILD/deb") ||
 	{ echo "rig: cannot build the Debian package in $BUILD/deb" >&2; exit 1; }
 export RIG_DEB
-# Installing the package costs each guest some 25 s of emulated dpkg.
-export RIG_TIMEOUT=${RIG_TIMEOUT:-420}
+# Installing the package costs each guest some 25 s of emulated dpkg; the
+# package check boots systemd and restarts the daemon under it three times
+# (about 14 minutes on a loaded machine).
+export RIG_TIMEOUT=${RIG_TIMEOUT:-1200}
 # The cache is made once, before guests start side by side.
 "$RIG_DIR/prepare.sh" >/dev/null || { echo "rig: FAILED TO START: preparation failed" >&2; exit 1; }
 

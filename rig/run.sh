@@ -70,6 +70,16 @@ share() { # tag path [rw]
 	echo "-fsdev local,id=$1,path=$2,security_model=none$ro -device virtio-9p-pci,fsdev=$1,mount_tag=$1"
 }
 
+# A check that starts with "# rig: systemd" boots a Debian root of its own
+# with systemd as PID 1 instead of sharing this machine's /usr and /etc.
+if head -1 "$SCRIPT" | grep -q '^# rig: systemd'; then
+	ROOTFS=$("$RIG_DIR/prepare-root.sh") || fail_setup "preparing the Debian root (see above)"
+	echo "RIG_SYSTEMD=1" >> "$JOB/env"
+	SHARES="$(share root "$ROOTFS")"
+else
+	SHARES="$(share usr /usr) $(share etc /etc) $(share dpkg /var/lib/dpkg)"
+fi
+
 TIMEOUT=${RIG_TIMEOUT:-300}
 # Emulated, never KVM (nested virtualisation fails on these machines); the
 # plain qemu64 CPU runs process start-up a quarter faster than "max".
@@ -81,7 +91,7 @@ timeout --foreground -k 5 "$TIMEOUT" qemu-system-x86_64 \
 	-nodefaults -display none -serial stdio -no-reboot \
 	-kernel "$KERNEL" -initrd "$INITRD" \
 	-append "console=ttyS0 quiet loglevel=1 mitigations=off panic=-1 tsc=reliable no_timer_check cryptomgr.notests acpi=off" \
-	$(share usr /usr) $(share etc /etc) $(share src "$SRC") $(share build "$BUILD") $(share dpkg /var/lib/dpkg) $(share job "$JOB" rw) \
+	$SHARES $(share src "$SRC") $(share build "$BUILD") $(share job "$JOB" rw) \
 	</dev/null
 qrc=$?
 set -e

@@ -6,7 +6,7 @@ PKGS="build-essential cmake pkg-config g++ \
  libev-dev libconfuse-dev libmnl-dev libite-dev \
  libgtest-dev libgmock-dev googletest libbenchmark-dev ninja-build \
  iproute2 nftables kmod util-linux procps python3 graphviz tcpdump tshark \
- dpkg-dev lintian man-db groff-base systemd init-system-helpers \
+ dpkg-dev lintian man-db groff-base systemd init-system-helpers mmdebstrap \
  clang libclang-rt-14-dev"
 missing=""
 for p in $PKGS; do

@@ -11,7 +11,7 @@ RIG_PACKAGE=0
 PATH=$RIG_SRC/rig/guest/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
 HOME=/root
 export RIG_SRC RIG_BUILD RIG_JOB ZALKV2D ZALKV2D_LAB RIGCTL ZALKCTL RIG_PACKAGE PATH HOME
-mount -t devpts devpts /dev/pts 2>/dev/null
+[ -n "${RIG_SYSTEMD:-}" ] || mount -t devpts devpts /dev/pts 2>/dev/null
 # The kernel asks this helper whether user space runs STP on a bridge of
 # the initial namespace; saying yes is what lets the daemon's port states
 # stick (see mkbridge in checks/lib.sh).
@@ -19,13 +19,16 @@ printf '#!/bin/sh\nexit 0\n' > /usr/sbin/bridge-stp && chmod 755 /usr/sbin/bridg
 ip link set lo up
 if [ -f $RIG_JOB/package.deb ]; then
 	# The host's package database below a writable layer, so that dpkg
-	# finds the libraries and tools the package depends on installed.
-	mkdir -p /var/lib/dpkg /var/log /var/cache /.rig/dpkg-lower /.rig/dpkg-rw
-	mount -t 9p -o trans=virtio,version=9p2000.L,msize=262144,ro dpkg /.rig/dpkg-lower
-	mount -t tmpfs dpkgrw /.rig/dpkg-rw
-	mkdir /.rig/dpkg-rw/upper /.rig/dpkg-rw/work
-	mount -t overlay -o lowerdir=/.rig/dpkg-lower,upperdir=/.rig/dpkg-rw/upper,workdir=/.rig/dpkg-rw/work \
-		dpkg /var/lib/dpkg
+	# finds the libraries and tools the package depends on installed. A
+	# systemd guest has a root and a package database of its own.
+	if [ -z "${RIG_SYSTEMD:-}" ]; then
+		mkdir -p /var/lib/dpkg /var/log /var/cache /.rig/dpkg-lower /.rig/dpkg-rw
+		mount -t 9p -o trans=virtio,version=9p2000.L,msize=262144,ro dpkg /.rig/dpkg-lower
+		mount -t tmpfs dpkgrw /.rig/dpkg-rw
+		mkdir /.rig/dpkg-rw/upper /.rig/dpkg-rw/work
+		mount -t overlay -o lowerdir=/.rig/dpkg-lower,upperdir=/.rig/dpkg-rw/upper,workdir=/.rig/dpkg-rw/work \
+			dpkg /var/lib/dpkg
+	fi
 	if dpkg -i $RIG_JOB/package.deb > $RIG_JOB/dpkg.log 2>&1; then
 		echo "rig: installed $(dpkg-query -W -f='${Package} ${Version}' zalkv2d) with dpkg -i"
 		ZALKV2D=/usr/sbin/zalkv2d

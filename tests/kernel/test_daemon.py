@@ -5,6 +5,7 @@ what it sets up there and takes down again on each termination signal."""
 import json
 import os
 import signal
+import socket
 import subprocess
 import time
 import unittest
@@ -56,12 +57,12 @@ class Daemon(unittest.TestCase):
 	def setUp(self):
 		sh('rm -rf %s %s /tmp/zalk.log' % (RUN, CONF))
 
-	def start(self, *args, conf=None, cwd=None, umask=0o022):
+	def start(self, *args, conf=None, cwd=None, umask=0o022, env=None):
 		if conf is not None:
 			with open(CONF, 'w') as f:
 				f.write(conf)
 		p = subprocess.Popen([ZALKV2D, *args], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-				     cwd=cwd, preexec_fn=lambda: os.umask(umask))
+				     cwd=cwd, preexec_fn=lambda: os.umask(umask), env=env and dict(os.environ, **env))
 		self.addCleanup(p.kill)
 		return p
 
@@ -108,17 +109,30 @@ class Daemon(unittest.TestCase):
 		mdb = [('br0', *grp(r, g)) for r in (7, 8) for g in (1, 2, 3, 4)] + [
 			('$(>m)', *grp(7, 4)), ('r;>q', *grp(7, 4)), ('zr3a', *grp(8, 2)), ('zr3a', *grp(8, 3)), ('zr3a', *grp(8, 4))]
 		os.makedirs('/tmp/cwd', exist_ok=True)
+		# systemd's side of the last run: its notification socket and a
+		# watchdog of 20 ms
+		notify = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+		notify.bind('/tmp/cwd/notify')
+		notify.settimeout(10)
+		self.addCleanup(notify.close)
 		for sig, conf in ((signal.SIGINT, member), (signal.SIGQUIT, member), (signal.SIGTERM, full)):
 			with self.subTest(signal=sig.name):
 				# role, port options and loose words change nothing
-				p = self.start('-f', '-M', 'eth9', 'word', conf=conf, cwd='/tmp/cwd')
+				env = {'NOTIFY_SOCKET': '/tmp/cwd/notify', 'WATCHDOG_USEC': '20000'} if conf == full else None
+				p = self.start('-f', '-M', 'eth9', 'word', conf=conf, cwd='/tmp/cwd', env=env)
+				if env:
+					self.assertEqual(notify.recv(64), b'READY=1')
+					self.assertTrue(os.path.exists(RUN + '/7/r;>q/link'), 'ready before the rings were set up')
+					self.assertEqual([notify.recv(64) for _ in range(3)], [b'WATCHDOG=1'] * 3)
+					# Not read any more: the socket's queue (10 in a new
+					# namespace) fills, and the daemon must not wait on it.
 				self.assertTrue(wait_until(lambda: os.path.exists(RUN + '/8/zr3a/link')))
 				self.assertEqual(read(RUN + '/8/type'), 'member')
 				if conf == full:
 					self.assertTrue(wait_until(lambda: os.path.exists(RUN + '/7/r;>q/link')))
 					self.assertEqual(read(RUN + '/7/type'), 'focal-point')
 					self.assertEqual(self.bridge_setup(), (sorted(mdb), 2, {'$(>m)': 'r;>q', 'r;>q': '$(>m)'}))
-					self.assertEqual(os.listdir('/tmp/cwd'), [], 'a shell ran something')
+					self.assertEqual(os.listdir('/tmp/cwd'), ['notify'], 'a shell ran something')
 					# a level written by another process holds from the next
 					# log point on: the focal point's ring timer logs its ticks
 					sh('echo 128 > %s/debug' % RUN)
