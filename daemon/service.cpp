@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 
 #include "daemon/os.h"
+#include "status/files.h"
 #include "status/status.h"
 
 namespace {
