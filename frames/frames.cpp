@@ -10,9 +10,6 @@
 #include "frames/sockets.h"
 #include "status/status.h"
 
-const uint8_t zalk_frame_types[8] = {ZALK_HELLO, ZALK_LINK_DOWN,	  ZALK_LINK_UP, ZALK_LINK_RESPONSE,
-				      ZALK_FLUSH, ZALK_RING,	  ZALK_TRIG,	0};
-
 namespace {
 using mac_t = std::array<uint8_t, 6>;
 
@@ -36,8 +33,9 @@ constexpr std::array<uint8_t, 4> vlan_tag(uint16_t vid)
 	uint16_t tci = (uint16_t)((ZALK_PRIO << 13) | vid);
 	return {0x81, 0x00, (uint8_t)(tci >> 8), (uint8_t)tci};
 }
-constexpr auto tag_mgnt = vlan_tag(ZALK_MGNT_VLAN);
-constexpr auto tag_ring = vlan_tag(ZALK_RING_VLAN);
+// Each template carries the tag of its type's VLAN, the one receivers
+// accept it from.
+constexpr std::array<uint8_t, 4> type_tag(zalk_frame_type t) { return vlan_tag(zalkv2_type_vlan(t)); }
 
 // Payload lengths (type and length byte included).
 constexpr uint8_t PL_HELLO = 14, PL_LINK = 26, PL_RESPONSE = 28, PL_FLUSH = 28, PL_RING = 12;
@@ -161,26 +159,26 @@ void zalkv2_build_frames(int ins)
 			   in.tpl_hello, in.tpl_flush})
 		memset(t, 0, ZALK_FRAME_LEN);
 
-	zalkv2_frame_header(ins, in.tpl_link_response, GROUP_LINK, tag_mgnt.data());
+	zalkv2_frame_header(ins, in.tpl_link_response, GROUP_LINK, type_tag(ZALK_LINK_RESPONSE).data());
 	build_sender_payload(ins, in.tpl_link_response, ZALK_LINK_RESPONSE, PL_RESPONSE);
 
-	zalkv2_frame_header(ins, in.tpl_flush, GROUP_FLUSH, tag_ring.data());
+	zalkv2_frame_header(ins, in.tpl_flush, GROUP_FLUSH, type_tag(ZALK_FLUSH).data());
 	add_payload(in.tpl_flush, type_code(ZALK_FLUSH), PL_FLUSH);
 
-	size_t pos = zalkv2_frame_header(ins, in.tpl_link_up, GROUP_LINK, tag_mgnt.data());
+	size_t pos = zalkv2_frame_header(ins, in.tpl_link_up, GROUP_LINK, type_tag(ZALK_LINK_UP).data());
 	zalkv2_link_payload(ins, in.tpl_link_up, in.tpl_link_up + pos, type_code(ZALK_LINK_UP));
 
-	pos = zalkv2_frame_header(ins, in.tpl_link_down, GROUP_LINK, tag_mgnt.data());
+	pos = zalkv2_frame_header(ins, in.tpl_link_down, GROUP_LINK, type_tag(ZALK_LINK_DOWN).data());
 	zalkv2_link_payload(ins, in.tpl_link_down, in.tpl_link_down + pos, type_code(ZALK_LINK_DOWN));
 
-	zalkv2_frame_header(ins, in.tpl_ring, GROUP_RING, tag_ring.data());
+	zalkv2_frame_header(ins, in.tpl_ring, GROUP_RING, type_tag(ZALK_RING).data());
 	build_sender_payload(ins, in.tpl_ring, ZALK_RING, PL_RING);
 
-	zalkv2_frame_header(ins, in.tpl_trig, GROUP_LINK, tag_mgnt.data());
+	zalkv2_frame_header(ins, in.tpl_trig, GROUP_LINK, type_tag(ZALK_TRIG).data());
 	build_sender_payload(ins, in.tpl_trig, ZALK_TRIG, PL_RING);
 
 	// Status, interval and sender are written at every hello tick.
-	zalkv2_frame_header(ins, in.tpl_hello, GROUP_HELLO, tag_mgnt.data());
+	zalkv2_frame_header(ins, in.tpl_hello, GROUP_HELLO, type_tag(ZALK_HELLO).data());
 	add_payload(in.tpl_hello, type_code(ZALK_HELLO), PL_HELLO);
 }
 

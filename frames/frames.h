@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "daemon/instance.h"
+
 enum zalk_frame_type : uint8_t {
 	ZALK_HELLO = 1,
 	ZALK_LINK_DOWN = 2,
@@ -35,7 +37,40 @@ constexpr size_t DST = 0, SRC = 6, TPID = 12, LEN = tx_off::LEN - TAG_SHIFT,
 }
 
 // Codes 1 to 7 in order, then 0; every use reads the code from here.
-extern const uint8_t zalk_frame_types[8];
+inline constexpr uint8_t zalk_frame_types[8] = {ZALK_HELLO, ZALK_LINK_DOWN, ZALK_LINK_UP, ZALK_LINK_RESPONSE,
+						ZALK_FLUSH, ZALK_RING,      ZALK_TRIG,    0};
+
+// The VLAN a type is sent on, the one its template's tag carries; 0 for a
+// code that is no type of ours.
+constexpr uint16_t zalkv2_type_vlan(uint8_t type)
+{
+	switch (type) {
+	case ZALK_HELLO:
+	case ZALK_LINK_DOWN:
+	case ZALK_LINK_UP:
+	case ZALK_LINK_RESPONSE:
+	case ZALK_TRIG:
+		return ZALK_MGNT_VLAN;
+	case ZALK_FLUSH:
+	case ZALK_RING:
+		return ZALK_RING_VLAN;
+	default:
+		return 0;
+	}
+}
+
+// Whether a received frame of type byte `type` that came with VLAN `vlan`
+// (the id of the tag the kernel took off, -1 for none) may count: only
+// with the tag its type is sent with. The protocol has no authentication;
+// the ring links and the protocol VLANs are its trust domain, so a frame
+// that came untagged or on any other VLAN (a host on an access port) is
+// not ours. A code of no known type passes on either protocol VLAN, to
+// be reported as unhandled.
+constexpr bool zalkv2_vlan_ok(uint8_t type, int vlan)
+{
+	const uint16_t want = zalkv2_type_vlan(type);
+	return want ? vlan == want : vlan == ZALK_MGNT_VLAN || vlan == ZALK_RING_VLAN;
+}
 
 void zalkv2_group_address(int ring_id, int entry, uint8_t out[6]);
 void zalkv2_own_bridge_id(int ins, uint8_t out[8]);

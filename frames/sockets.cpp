@@ -3,6 +3,7 @@
 #include "frames/sockets.h"
 
 #include <arpa/inet.h>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -22,18 +23,62 @@
 int send_sock = -1;
 
 namespace {
-// Lets through only frames whose destination begins with the protocol's
-// group prefix 03:4B:A1, so nothing else ever reaches user space.
-constexpr sock_filter zalk_filter[8] = {
-	{0x30, 0, 0, 0x00000000}, // ldb [0]
-	{0x15, 0, 5, 0x00000003}, // jeq #0x03, next, drop
-	{0x30, 0, 0, 0x00000001}, // ldb [1]
-	{0x15, 0, 3, 0x0000004B}, // jeq #0x4B, next, drop
-	{0x30, 0, 0, 0x00000002}, // ldb [2]
-	{0x15, 0, 1, 0x000000A1}, // jeq #0xA1, next, drop
-	{0x06, 0, 0, 0x00040000}, // accept
-	{0x06, 0, 0, 0x00000000}, // drop
-};
+// The kernel's filter: lets through only frames to the protocol's group
+// prefix 03:4B:A1 that came with the tag of their type, so that neither
+// other traffic nor protocol frames from outside the protocol's VLANs
+// (a host on an access port) ever wake the daemon. The kernel has taken
+// the tag off; the ancillary loads read it, and the type byte lies where
+// it does in a frame without its tag. Built from the table the templates
+// take their tags from; packet_rcv checks the same again.
+constexpr size_t FILTER_LEN = 28;
+// Where the checks by VLAN start, and the two ends.
+constexpr size_t AT_ANY = 19, AT_MGNT = 22, AT_RING = 24, AT_ACCEPT = 26, AT_DROP = 27;
+
+constexpr std::array<sock_filter, FILTER_LEN> make_filter()
+{
+	std::array<sock_filter, FILTER_LEN> p{};
+	size_t n = 0;
+	auto stmt = [&](uint16_t code, uint32_t k) { p[n++] = {code, 0, 0, k}; };
+	// Jump targets are absolute here; 0 in the instruction is the next one.
+	auto jump = [&](uint16_t op, uint32_t k, size_t yes, size_t no) {
+		auto rel = [&](size_t to) { return (uint8_t)(to ? to - n - 1 : 0); };
+		p[n] = {(uint16_t)(BPF_JMP | op | BPF_K), rel(yes), rel(no), k};
+		n++;
+	};
+	constexpr uint32_t ad_tag = (uint32_t)(SKF_AD_OFF + SKF_AD_VLAN_TAG);
+	constexpr uint32_t ad_present = (uint32_t)(SKF_AD_OFF + SKF_AD_VLAN_TAG_PRESENT);
+
+	const uint8_t prefix[3] = {0x03, 0x4B, 0xA1};
+	for (uint32_t i = 0; i < 3; i++) {
+		stmt(BPF_LD | BPF_B | BPF_ABS, i);
+		jump(BPF_JEQ, prefix[i], 0, AT_DROP);
+	}
+	stmt(BPF_LD | BPF_W | BPF_ABS, ad_present);
+	jump(BPF_JEQ, 0, AT_DROP, 0);
+	stmt(BPF_LD | BPF_W | BPF_ABS, ad_tag);
+	stmt(BPF_ALU | BPF_AND | BPF_K, 0x0fff); // the id without priority and DEI
+	stmt(BPF_MISC | BPF_TAX, 0);
+	stmt(BPF_LD | BPF_B | BPF_ABS, rx_off::TYPE);
+	for (size_t t = 0; t < 7; t++) // each type to the check of its VLAN
+		jump(BPF_JEQ, zalk_frame_types[t],
+		     zalkv2_type_vlan(zalk_frame_types[t]) == ZALK_MGNT_VLAN ? AT_MGNT : AT_RING, 0);
+	// AT_ANY: a code of no known type, on either protocol VLAN.
+	stmt(BPF_MISC | BPF_TXA, 0);
+	jump(BPF_JEQ, ZALK_MGNT_VLAN, AT_ACCEPT, 0);
+	jump(BPF_JEQ, ZALK_RING_VLAN, AT_ACCEPT, AT_DROP);
+	stmt(BPF_MISC | BPF_TXA, 0); // AT_MGNT
+	jump(BPF_JEQ, ZALK_MGNT_VLAN, AT_ACCEPT, AT_DROP);
+	stmt(BPF_MISC | BPF_TXA, 0); // AT_RING
+	jump(BPF_JEQ, ZALK_RING_VLAN, AT_ACCEPT, AT_DROP);
+	stmt(BPF_RET | BPF_K, 0x40000); // AT_ACCEPT
+	stmt(BPF_RET | BPF_K, 0);       // AT_DROP
+	return p;
+}
+constexpr std::array<sock_filter, FILTER_LEN> zalk_filter = make_filter();
+static_assert(zalk_filter[AT_ANY].code == (BPF_MISC | BPF_TXA) && zalk_filter[AT_MGNT].code == (BPF_MISC | BPF_TXA) &&
+		      zalk_filter[AT_RING].code == (BPF_MISC | BPF_TXA) && zalk_filter[AT_DROP].code == (BPF_RET | BPF_K) &&
+		      zalk_filter[AT_DROP].k == 0 && zalk_filter[AT_ACCEPT].k == 0x40000,
+	      "the filter's labels sit where its jumps go");
 
 constexpr size_t RX_BUF_LEN = 2048;
 constexpr size_t MAC_TEXT_LEN = 28;
@@ -71,8 +116,7 @@ int zalkv2_open_packet_socket()
 		zlog(LOG_ERR, "socket failed: %m\n\n");
 		return -1;
 	}
-	sock_fprog prog = {(unsigned short)(sizeof(zalk_filter) / sizeof(zalk_filter[0])),
-			   const_cast<sock_filter *>(zalk_filter)};
+	sock_fprog prog = {(unsigned short)zalk_filter.size(), const_cast<sock_filter *>(zalk_filter.data())};
 	if (os_setsockopt(s.fd, SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof(prog)) < 0) {
 		zlog(LOG_ERR, "setsockopt packet filter failed: %m\n\n");
 		return -1;
@@ -113,6 +157,9 @@ int zalkv2_open_port_socket(zalkv2_port *port)
 	// copies too, for kernels without the option.
 	int one = 1;
 	os_setsockopt(fd, SOL_PACKET, PACKET_IGNORE_OUTGOING, &one, sizeof(one));
+	// The tag a frame came with, which the kernel takes off, is read
+	// from the frame's auxiliary data.
+	os_setsockopt(fd, SOL_PACKET, PACKET_AUXDATA, &one, sizeof(one));
 
 	sockaddr_ll sll;
 	memset(&sll, 0, sizeof(sll));
@@ -190,21 +237,18 @@ void packet_send(zalkv2_port *port, uint8_t *frame, size_t length)
 void packet_rcv(struct ev_loop *, ev_io *w, int)
 {
 	uint8_t buf[RX_BUF_LEN];
-	sockaddr_ll from;
-	socklen_t fromlen = sizeof(from);
-	memset(&from, 0, sizeof(from));
-
-	ssize_t n = os_recvfrom(w->fd, buf, sizeof(buf), 0, reinterpret_cast<sockaddr *>(&from), &fromlen);
+	os_rx_frame info;
+	ssize_t n = os_recv_frame(w->fd, buf, sizeof(buf), &info);
 	if (n < 1) {
 		zlog(LOG_ERR, "recvfrom failed: %m\n\n");
 		return;
 	}
-	if (from.sll_pkttype == PACKET_OUTGOING)
+	if (info.outgoing)
 		return; // sent out of this port, not received on it
-	zalkv2_handle_frame(from.sll_ifindex, buf, (size_t)n);
+	zalkv2_handle_frame(info.ifindex, info.vlan, buf, (size_t)n);
 }
 
-void zalkv2_handle_frame(int ifindex, const uint8_t *buf, size_t len)
+void zalkv2_handle_frame(int ifindex, int vlan, const uint8_t *buf, size_t len)
 {
 	// A frame shorter than a full protocol frame is read as if the
 	// missing bytes were the zero padding a full frame carries: the
@@ -227,7 +271,7 @@ void zalkv2_handle_frame(int ifindex, const uint8_t *buf, size_t len)
 			zlog(LOG_NOTICE, "%s() - Received invalid port num for ifindex %d\n\n", "packet_rcv", ifindex);
 		return;
 	}
-	if (!zalkv2_filter_packet(port, frame))
+	if (!zalkv2_filter_packet(port, frame, vlan))
 		return;
 
 	debug_packet("Rx packets", frame, ZALK_FRAME_LEN);
@@ -250,7 +294,7 @@ void zalkv2_handle_frame(int ifindex, const uint8_t *buf, size_t len)
 	zalkv2_recv(ins, port, frame);
 }
 
-int zalkv2_filter_packet(zalkv2_port *port, const uint8_t *frame)
+int zalkv2_filter_packet(zalkv2_port *port, const uint8_t *frame, int vlan)
 {
 	// Our own frames coming back around the ring are dropped, but for
 	// Ring frames: their return is what the focal point waits for.
@@ -264,6 +308,10 @@ int zalkv2_filter_packet(zalkv2_port *port, const uint8_t *frame)
 	// The kernel strips the tag; a frame still tagged came by a path we
 	// do not serve.
 	if (frame[rx_off::TPID] == 0x81 && frame[rx_off::TPID + 1] == 0x00)
+		return 0;
+	// Only with its type's tag: the socket filter drops the others
+	// already; this is the check that holds whatever reached us.
+	if (!zalkv2_vlan_ok(frame[rx_off::TYPE], vlan))
 		return 0;
 
 	if (zalk_debug(ZALK_TIP)) {

@@ -76,7 +76,7 @@ TEST_F(LinkMon, CarrierLossIsPostedBeforeFramesReadInTheSamePass)
 	for (int first_frame = 0; first_frame < 2; first_frame++) {
 		ASSERT_EQ(zalkv2_open_port_socket(&instances[0].port[PORT_A]), 0);
 		instances[0].port[PORT_B].operstate = ZALK_OPER_UP;
-		fake::rx_queue.push_back({11, rx_frame(3, ZALK_LINK_DOWN, 26)});
+		fake::rx_queue.push_back({11, rx_frame(3, ZALK_LINK_DOWN, 26), ZALK_MGNT_VLAN});
 		fake::recvmsg_queue.push_back(datagram({link_msg(12, IF_OPER_DOWN)}));
 		ev_io *w[2] = {&instances[0].port[PORT_A].rx_watcher, &link_watcher};
 		ev_feed_event(loop, w[!first_frame], EV_READ);
