@@ -14,7 +14,7 @@
 #include "bridge/backup.h"
 #include "bridge/filters.h"
 #include "bridge/netlink_ops.h"
-#include "daemon/daemon.h"
+#include "daemon/legacy.h"
 #include "daemon/instance.h"
 #include "daemon/os.h"
 #include "daemon/util.h"

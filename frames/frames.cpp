@@ -5,7 +5,7 @@
 #include <array>
 #include <cstring>
 
-#include "daemon/daemon.h"
+#include "daemon/legacy.h"
 #include "daemon/instance.h"
 #include "frames/sockets.h"
 #include "status/status.h"
