@@ -18,7 +18,7 @@
 #include "frames/frames.h"
 #include "frames/hello.h"
 #include "frames/linkmon.h"
-#include "frames/sockets.h"
+#include "frames/receive.h"
 #include "ring/channel.h"
 #include "ring/focal.h"
 #include "ring/member.h"

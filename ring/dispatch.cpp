@@ -8,7 +8,7 @@
 #include "daemon/instance.h"
 #include "daemon/os.h"
 #include "frames/frames.h"
-#include "frames/sockets.h"
+#include "frames/senders.h"
 #include "ring/channel.h"
 #include "ring/focal.h"
 #include "ring/link.h"
@@ -130,7 +130,7 @@ verdict member_action(int ins, uint32_t event, const uint8_t *data)
 	case RX_LINKB_1: {
 		int port = event == RX_LINKA_1 ? PORT_A : PORT_B;
 		if (is_edge_switch(ins, port))
-			zalkv2_send_link_response(ins, port, data + 2, nullptr);
+			zalkv2_send_link_response(ins, port, zalkv2_decode_link_payload(data).sender, nullptr);
 		return verdict::done;
 	}
 	case RX_LINKA_0:
@@ -185,11 +185,6 @@ void trace_event(const sm_event &ev)
 }
 
 } // namespace
-
-int is_focal(int ins)
-{
-	return instances[ins].enabled && instances[ins].role == RING_TYPE_FOCAL ? 1 : 0;
-}
 
 void sm_cb(struct ev_loop *loop, ev_io *w, int)
 {

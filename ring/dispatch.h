@@ -5,4 +5,3 @@
 #include <ev.h>
 
 void sm_cb(struct ev_loop *loop, ev_io *w, int revents);
-int is_focal(int ins);

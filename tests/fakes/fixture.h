@@ -18,6 +18,8 @@
 #include "frames/frames.h"
 #include "frames/hello.h"
 #include "frames/linkmon.h"
+#include "frames/receive.h"
+#include "frames/senders.h"
 #include "frames/sockets.h"
 #include "ring/channel.h"
 #include "ring/dispatch.h"

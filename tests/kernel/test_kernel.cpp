@@ -21,6 +21,7 @@
 #include "frames/frames.h"
 #include "frames/hello.h"
 #include "frames/linkmon.h"
+#include "frames/receive.h"
 #include "frames/sockets.h"
 #include "ring/channel.h"
 #include "status/status.h"
