@@ -20,6 +20,7 @@
 #include "frames/linkmon.h"
 #include "frames/receive.h"
 #include "ring/channel.h"
+#include "ring/dispatch.h"
 #include "ring/focal.h"
 #include "ring/member.h"
 #include "ring/ports.h"

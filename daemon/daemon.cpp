@@ -19,6 +19,7 @@
 #include "frames/hello.h"
 #include "frames/linkmon.h"
 #include "ring/channel.h"
+#include "ring/dispatch.h"
 #include "ring/focal.h"
 #include "ring/member.h"
 #include "status/status.h"

@@ -184,7 +184,42 @@ void trace_event(const sm_event &ev)
 	zalk_event_log("sm_cb", "I:%d Enter %s\n", (int)ev.instance, zalk_event_name(ev.event));
 }
 
+// Set only once sm_watcher has been initialised on a valid read end.
+bool sm_watcher_ready;
+
 } // namespace
+
+ev_io sm_watcher;
+
+void msg_bus_setup()
+{
+	int fd = msg_pipe_create();
+	if (fd == -1) {
+		// Without a pipe the watcher stays uninitialised; msg_bus_start
+		// and msg_bus_stop then do nothing and the ring logic hears
+		// no events at all.
+		zlog(LOG_ERR, "msg bus setup failed\n");
+		return;
+	}
+	ev_io_init(&sm_watcher, sm_cb, fd, EV_READ);
+	ev_set_priority(&sm_watcher, ZALK_PRI_EVENTS);
+	sm_watcher_ready = true;
+}
+
+void msg_bus_start(struct ev_loop *loop)
+{
+	// Never start a watcher on an invalid descriptor.
+	if (!sm_watcher_ready)
+		return;
+	ev_io_start(loop, &sm_watcher);
+}
+
+void msg_bus_stop(struct ev_loop *loop)
+{
+	if (!sm_watcher_ready)
+		return;
+	ev_io_stop(loop, &sm_watcher);
+}
 
 void sm_cb(struct ev_loop *loop, ev_io *w, int)
 {

@@ -12,7 +12,6 @@
 #include "frames/senders.h"
 #include "frames/sockets.h"
 #include "ring/channel.h"
-#include "ring/link.h"
 #include "ring/ports.h"
 #include "status/status.h"
 
