@@ -295,10 +295,11 @@ TEST_F(Configure, ShutdownRemovesTheDropFiltersFirstAndTearsRingsDownUnlessReboo
 
 TEST_F(Configure, VersionZeroPidFileAndSignal)
 {
-	// Only a running version-0 daemon gets SIGUSR1: not a stale file's pid, now another process's, and
-	// never a process group.
+	// Only a running version-0 daemon gets SIGUSR1: not a stale file's pid, now another process's (named
+	// otherwise, or unnamed), and never a process group.
 	const std::string me = std::to_string(getpid());
-	for (std::string pid : {me, me + "-stale", std::string("0"), std::string("garbage"), std::string("99999999999")}) {
+	for (std::string pid : {me, me + "-stale", std::to_string(getppid()), std::string("0"), std::string("garbage"),
+				std::string("99999999999")}) {
 		clear();
 		const bool live = pid == me;
 		fake::write_file("/proc/" + me + "/comm", live ? "zalkd\n" : "sshd\n");
