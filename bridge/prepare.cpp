@@ -15,7 +15,7 @@
 #include "bridge/filters.h"
 #include "bridge/ifquery.h"
 #include "bridge/netlink_ops.h"
-#include "daemon/daemon.h"
+#include "daemon/legacy.h"
 #include "daemon/instance.h"
 #include "daemon/os.h"
 #include "daemon/commands.h"

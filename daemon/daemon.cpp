@@ -1,16 +1,14 @@
 // The daemon's frame: command line, start-up, the signal watchers, the
-// real-time priority, shutdown, and the two links to the version-0 daemon.
+// real-time priority and shutdown.
 #include "daemon/daemon.h"
 
 #include <array> // before libite: its min and max macros break the C++ headers
 #include <cerrno>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <getopt.h>
 #include <libgen.h>
-#include <libite/lite.h>
 #include <sched.h>
 #include <signal.h>
 
@@ -24,6 +22,7 @@
 #include "frames/hello.h"
 #include "frames/linkmon.h"
 #include "ring/channel.h"
+#include "ring/dispatch.h"
 #include "ring/focal.h"
 #include "ring/member.h"
 #include "status/files.h"
@@ -238,22 +237,4 @@ int get_runlevel()
 	}
 	os_pclose(f);
 	return level;
-}
-
-int zalkv0_pid_exists()
-{
-	char path[160];
-	return fexist(zalk_path(path, sizeof(path), "/var/run/zalkd.pid")) ? 1 : 0;
-}
-
-void signal_zalkv0()
-{
-	char path[160];
-	unsigned long pid;
-	if (read_number_file(zalk_path(path, sizeof(path), "%s/zalkd.pid", "/var/run/"), &pid))
-		return;
-	// A pid of 0 or beyond the pid range would signal a whole process
-	// group (this daemon's own among them): such a file names no daemon.
-	if (pid == 0 || pid > (unsigned long)INT32_MAX || os_kill((pid_t)pid, SIGUSR1))
-		zlog(LOG_ERR, "Could not send signal to ZALKv0 daemon\n");
 }

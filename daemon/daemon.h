@@ -1,5 +1,4 @@
-// The daemon's frame: command line, start-up, signals, shutdown, and the
-// two links to the version-0 daemon.
+// The daemon's frame: command line, start-up, signals, shutdown.
 #pragma once
 
 #include <ev.h>
@@ -15,5 +14,3 @@ void sighup_cb(struct ev_loop *loop, ev_signal *w, int revents);
 void sigusr1_cb(struct ev_loop *loop, ev_signal *w, int revents);
 
 int get_runlevel();
-int zalkv0_pid_exists();
-void signal_zalkv0();

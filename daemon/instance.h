@@ -134,3 +134,23 @@ inline bool zalkv2_port_configured(const zalkv2_port &p) { return p.ifindex != -
 // allocation falls back to the lowest free slot (-1 when all ten are taken).
 int zalkv2_find_instance(int ring_id);
 int zalkv2_alloc_instance(int ring_id);
+
+// Port B for port A and port A for port B.
+constexpr int zalkv2_other_port(int port) { return (port & 1) ^ 1; }
+
+inline bool zalkv2_valid_instance(int ins) { return ins >= 0 && ins < ZALK_MAX_INSTANCES; }
+
+// Role tests: a focal point is an enabled instance of role 0, any other
+// is a member; a bus edge has no port B.
+int is_focal(int ins);
+int is_bus_edge(int ins);
+
+// The ring port of interface `ifindex`: of the first enabled instance that
+// has it, port A before port B. None: a null port.
+struct zalkv2_ring_port {
+	int ins;
+	int pi; // PORT_A or PORT_B
+	zalkv2_port *port;
+};
+zalkv2_ring_port zalkv2_ring_port_by_ifindex(int ifindex);
+zalkv2_port *zalkv2_port_by_ifindex(int ifindex);

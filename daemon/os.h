@@ -39,7 +39,14 @@ int os_set_nonblock(int fd); // fcntl(F_SETFL, O_NONBLOCK)
 int os_bind(int fd, const struct sockaddr *addr, socklen_t len);
 int os_getsockname(int fd, struct sockaddr *addr, socklen_t *len);
 ssize_t os_sendmsg(int fd, const struct msghdr *msg, int flags);
-ssize_t os_recvfrom(int fd, void *buf, size_t len, int flags, struct sockaddr *from, socklen_t *fromlen);
+// One frame read from a packet socket (its auxiliary data turned on),
+// with what the kernel knows of it besides its bytes.
+struct os_rx_frame {
+	int ifindex;   // the interface it came by
+	bool outgoing; // it was sent out of that interface, not received
+	int vlan;      // id of the 802.1Q tag the kernel took off it; -1: none
+};
+ssize_t os_recv_frame(int fd, void *buf, size_t len, os_rx_frame *info);
 ssize_t os_recvmsg(int fd, struct msghdr *msg, int flags);
 int os_close(int fd);
 

@@ -10,6 +10,7 @@
 #include <linux/if_link.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <linux/if_packet.h>
 #include <net/if.h>
 #include <sched.h>
 #include <signal.h>
@@ -55,9 +56,33 @@ int os_getsockname(int fd, struct sockaddr *addr, socklen_t *len) { return getso
 
 ssize_t os_sendmsg(int fd, const struct msghdr *msg, int flags) { return sendmsg(fd, msg, flags); }
 
-ssize_t os_recvfrom(int fd, void *buf, size_t len, int flags, struct sockaddr *from, socklen_t *fromlen)
+ssize_t os_recv_frame(int fd, void *buf, size_t len, os_rx_frame *info)
 {
-	return recvfrom(fd, buf, len, flags, from, fromlen);
+	sockaddr_ll from{};
+	iovec iov = {buf, len};
+	alignas(cmsghdr) char ctrl[CMSG_SPACE(sizeof(tpacket_auxdata))];
+	msghdr msg{};
+	msg.msg_name = &from;
+	msg.msg_namelen = sizeof(from);
+	msg.msg_iov = &iov;
+	msg.msg_iovlen = 1;
+	msg.msg_control = ctrl;
+	msg.msg_controllen = sizeof(ctrl);
+	ssize_t n = recvmsg(fd, &msg, 0);
+	*info = {from.sll_ifindex, from.sll_pkttype == PACKET_OUTGOING, -1};
+	if (n < 0)
+		return n;
+	for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
+		if (c->cmsg_level != SOL_PACKET || c->cmsg_type != PACKET_AUXDATA ||
+		    c->cmsg_len < CMSG_LEN(sizeof(tpacket_auxdata)))
+			continue;
+		tpacket_auxdata aux;
+		memcpy(&aux, CMSG_DATA(c), sizeof(aux));
+		// The TCI holds priority and DEI above the 12-bit id.
+		if (aux.tp_status & TP_STATUS_VLAN_VALID)
+			info->vlan = aux.tp_vlan_tci & 0x0fff;
+	}
+	return n;
 }
 
 ssize_t os_recvmsg(int fd, struct msghdr *msg, int flags) { return recvmsg(fd, msg, flags); }

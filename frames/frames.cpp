@@ -1,17 +1,14 @@
 // The protocol's 64-byte frames: group addresses, bridge ids, the
-// per-instance templates and the senders that patch and send them.
+// per-instance templates, and a received frame decoded into a value.
 #include "frames/frames.h"
 
 #include <array>
 #include <cstring>
 
-#include "daemon/daemon.h"
-#include "daemon/instance.h"
-#include "frames/sockets.h"
-#include "status/status.h"
+#include <cstdio>
 
-const uint8_t zalk_frame_types[8] = {ZALK_HELLO, ZALK_LINK_DOWN,	  ZALK_LINK_UP, ZALK_LINK_RESPONSE,
-				      ZALK_FLUSH, ZALK_RING,	  ZALK_TRIG,	0};
+#include "daemon/instance.h"
+#include "status/status.h"
 
 namespace {
 using mac_t = std::array<uint8_t, 6>;
@@ -36,8 +33,9 @@ constexpr std::array<uint8_t, 4> vlan_tag(uint16_t vid)
 	uint16_t tci = (uint16_t)((ZALK_PRIO << 13) | vid);
 	return {0x81, 0x00, (uint8_t)(tci >> 8), (uint8_t)tci};
 }
-constexpr auto tag_mgnt = vlan_tag(ZALK_MGNT_VLAN);
-constexpr auto tag_ring = vlan_tag(ZALK_RING_VLAN);
+// Each template carries the tag of its type's VLAN, the one receivers
+// accept it from.
+constexpr std::array<uint8_t, 4> type_tag(zalk_frame_type t) { return vlan_tag(zalkv2_type_vlan(t)); }
 
 // Payload lengths (type and length byte included).
 constexpr uint8_t PL_HELLO = 14, PL_LINK = 26, PL_RESPONSE = 28, PL_FLUSH = 28, PL_RING = 12;
@@ -47,15 +45,6 @@ constexpr uint16_t LEN_HEADER = 10;
 // Every use of a type code reads it from the table.
 uint8_t type_code(zalk_frame_type t) { return zalk_frame_types[t - 1]; }
 
-uint16_t get_be16(const uint8_t *p) { return (uint16_t)((p[0] << 8) | p[1]); }
-void put_be16(uint8_t *p, uint16_t v)
-{
-	p[0] = (uint8_t)(v >> 8);
-	p[1] = (uint8_t)v;
-}
-
-bool valid_ins(int ins) { return ins >= 0 && ins < ZALK_MAX_INSTANCES; }
-
 // Clears the payload, stores type and payload length and adds the
 // payload to the 802.3 length. Returns the payload.
 uint8_t *add_payload(uint8_t *frame, uint8_t type, uint8_t len)
@@ -64,7 +53,7 @@ uint8_t *add_payload(uint8_t *frame, uint8_t type, uint8_t len)
 	memset(pl, 0, len);
 	pl[0] = type;
 	pl[1] = len;
-	put_be16(frame + tx_off::LEN, (uint16_t)(get_be16(frame + tx_off::LEN) + len));
+	zalk_put_be16(frame + tx_off::LEN, (uint16_t)(zalk_get_be16(frame + tx_off::LEN) + len));
 	return pl;
 }
 
@@ -76,21 +65,10 @@ static_assert(tx_off::RESP_SENDER == tx_off::RING_SENDER, "Ring, Trig and Link R
 void build_sender_payload(int ins, uint8_t *frame, zalk_frame_type type, uint8_t len)
 {
 	uint8_t *pl = add_payload(frame, type_code(type), len);
-	put_be16(pl + PL_STATUS, 0);
+	zalk_put_be16(pl + PL_STATUS, 0);
 	zalkv2_own_bridge_id(ins, pl + PL_SENDER);
 }
 
-uint16_t link_response_status(uint32_t ring_state)
-{
-	switch (ring_state) {
-	case RING_OK_NET_FOCAL:
-		return 1;
-	case RING_FAIL_NET_FOCAL:
-		return 2;
-	default:
-		return 0;
-	}
-}
 } // namespace
 
 void zalkv2_group_address(int ring_id, int entry, uint8_t out[6])
@@ -107,7 +85,7 @@ void zalkv2_group_address(int ring_id, int entry, uint8_t out[6])
 
 void zalkv2_own_bridge_id(int ins, uint8_t out[8])
 {
-	put_be16(out, 0);
+	zalk_put_be16(out, 0);
 	memcpy(out + 2, instances[ins].base_mac, 6);
 }
 
@@ -115,7 +93,7 @@ void zalkv2_zero_bridge_id(uint8_t out[8]) { memset(out, 0, 8); }
 
 void zalkv2_remote_bridge_id(int ins, int port, uint8_t out[8])
 {
-	put_be16(out, 0);
+	zalk_put_be16(out, 0);
 	memcpy(out + 2, instances[ins].port[port].remote_bridge_id + 2, 6);
 }
 
@@ -126,7 +104,7 @@ size_t zalkv2_frame_header(int ins, uint8_t *frame, int entry, const uint8_t tag
 	memset(frame, 0, tx_off::TYPE + 1);
 	zalkv2_group_address(ring, entry, frame + tx_off::DST);
 	memcpy(frame + tx_off::TPID, tag, 4);
-	put_be16(frame + tx_off::LEN, LEN_HEADER);
+	zalk_put_be16(frame + tx_off::LEN, LEN_HEADER);
 	frame[tx_off::DSAP] = 0xAA;
 	frame[tx_off::DSAP + 1] = 0xAA;
 	frame[tx_off::DSAP + 2] = 0x03;
@@ -143,12 +121,12 @@ void zalkv2_link_payload(int ins, uint8_t *frame, uint8_t *payload, uint8_t type
 	payload[0] = type;
 	payload[1] = PL_LINK;
 	zalkv2_own_bridge_id(ins, payload + (tx_off::LINK_SENDER - tx_off::TYPE));
-	put_be16(frame + tx_off::LEN, (uint16_t)(get_be16(frame + tx_off::LEN) + PL_LINK));
+	zalk_put_be16(frame + tx_off::LEN, (uint16_t)(zalk_get_be16(frame + tx_off::LEN) + PL_LINK));
 }
 
 void zalkv2_build_frames(int ins)
 {
-	if (!valid_ins(ins) || !instances[ins].enabled) {
+	if (!zalkv2_valid_instance(ins) || !instances[ins].enabled) {
 		zlog(LOG_ERR, "Instance %d not enabled\n", ins);
 		return;
 	}
@@ -161,26 +139,26 @@ void zalkv2_build_frames(int ins)
 			   in.tpl_hello, in.tpl_flush})
 		memset(t, 0, ZALK_FRAME_LEN);
 
-	zalkv2_frame_header(ins, in.tpl_link_response, GROUP_LINK, tag_mgnt.data());
+	zalkv2_frame_header(ins, in.tpl_link_response, GROUP_LINK, type_tag(ZALK_LINK_RESPONSE).data());
 	build_sender_payload(ins, in.tpl_link_response, ZALK_LINK_RESPONSE, PL_RESPONSE);
 
-	zalkv2_frame_header(ins, in.tpl_flush, GROUP_FLUSH, tag_ring.data());
+	zalkv2_frame_header(ins, in.tpl_flush, GROUP_FLUSH, type_tag(ZALK_FLUSH).data());
 	add_payload(in.tpl_flush, type_code(ZALK_FLUSH), PL_FLUSH);
 
-	size_t pos = zalkv2_frame_header(ins, in.tpl_link_up, GROUP_LINK, tag_mgnt.data());
+	size_t pos = zalkv2_frame_header(ins, in.tpl_link_up, GROUP_LINK, type_tag(ZALK_LINK_UP).data());
 	zalkv2_link_payload(ins, in.tpl_link_up, in.tpl_link_up + pos, type_code(ZALK_LINK_UP));
 
-	pos = zalkv2_frame_header(ins, in.tpl_link_down, GROUP_LINK, tag_mgnt.data());
+	pos = zalkv2_frame_header(ins, in.tpl_link_down, GROUP_LINK, type_tag(ZALK_LINK_DOWN).data());
 	zalkv2_link_payload(ins, in.tpl_link_down, in.tpl_link_down + pos, type_code(ZALK_LINK_DOWN));
 
-	zalkv2_frame_header(ins, in.tpl_ring, GROUP_RING, tag_ring.data());
+	zalkv2_frame_header(ins, in.tpl_ring, GROUP_RING, type_tag(ZALK_RING).data());
 	build_sender_payload(ins, in.tpl_ring, ZALK_RING, PL_RING);
 
-	zalkv2_frame_header(ins, in.tpl_trig, GROUP_LINK, tag_mgnt.data());
+	zalkv2_frame_header(ins, in.tpl_trig, GROUP_LINK, type_tag(ZALK_TRIG).data());
 	build_sender_payload(ins, in.tpl_trig, ZALK_TRIG, PL_RING);
 
 	// Status, interval and sender are written at every hello tick.
-	zalkv2_frame_header(ins, in.tpl_hello, GROUP_HELLO, tag_mgnt.data());
+	zalkv2_frame_header(ins, in.tpl_hello, GROUP_HELLO, type_tag(ZALK_HELLO).data());
 	add_payload(in.tpl_hello, type_code(ZALK_HELLO), PL_HELLO);
 }
 
@@ -198,66 +176,53 @@ int zalkv2_frame_ring_id(const uint8_t *frame)
 	return frame[rx_off::RING_ID];
 }
 
-void zalkv2_send_ring_frame(int ins, int port_index)
+zalkv2_link_fields zalkv2_decode_link_payload(const uint8_t payload[ZALK_LINK_PAYLOAD_LEN])
 {
-	if (!valid_ins(ins) || port_index < PORT_A || port_index > PORT_B)
-		return;
-	zalkv2_instance &in = instances[ins];
-	packet_send(&in.port[port_index], in.tpl_ring, ZALK_FRAME_LEN);
+	constexpr size_t at = rx_off::TYPE;
+	zalkv2_link_fields f;
+	memcpy(f.sender, payload + rx_off::LINK_SENDER - at, 8);
+	memcpy(f.id1, payload + rx_off::LINK_ID1 - at, 8);
+	memcpy(f.id2, payload + rx_off::LINK_ID2 - at, 8);
+	return f;
 }
 
-void zalkv2_send_flush(int ins, int which)
+zalkv2_rx_frame zalkv2_decode_frame(const uint8_t *buf, size_t len, int vlan)
 {
-	if (!valid_ins(ins))
-		return;
-	zalkv2_instance &in = instances[ins];
-	for (zalkv2_port &p : in.port) {
-		if (!zalkv2_port_configured(p))
-			continue;
-		if (which == 2 || (uint32_t)which == p.port_index)
-			packet_send(&p, in.tpl_flush, ZALK_FRAME_LEN);
-	}
+	zalkv2_rx_frame f;
+	// A frame shorter than a full protocol frame is read as if the
+	// missing bytes were the zero padding a full frame carries: the
+	// fields we read then never hold bytes of an earlier frame. A frame
+	// cut inside its header fails the header check and reads as a
+	// foreign ring (255); one cut inside its fields acts as if those
+	// fields were zero, as a Link Response without edges, which only
+	// flushes.
+	const size_t n = len < sizeof(f.bytes) ? len : sizeof(f.bytes);
+	memcpy(f.bytes, buf, n);
+	memset(f.bytes + n, 0, sizeof(f.bytes) - n);
+	const uint8_t *b = f.bytes;
+
+	f.vlan = vlan;
+	// The kernel strips the tag; a frame still tagged came by a path we
+	// do not serve.
+	f.still_tagged = b[rx_off::TPID] == 0x81 && b[rx_off::TPID + 1] == 0x00;
+	f.header_ok = zalkv2_frame_header_ok(b);
+	f.ring_id = zalkv2_frame_ring_id(b);
+	f.type = b[rx_off::TYPE];
+	memcpy(f.src, b + rx_off::SRC, 6);
+	f.status = zalk_get_be16(b + rx_off::STATUS);
+	f.interval = zalk_get_be16(b + rx_off::HELLO_INTERVAL);
+	memcpy(f.link_payload, b + rx_off::TYPE, ZALK_LINK_PAYLOAD_LEN);
+	if (f.type == zalk_frame_types[ZALK_HELLO - 1])
+		memcpy(f.sender, b + rx_off::HELLO_SENDER, 8);
+	else
+		memcpy(f.sender, zalkv2_decode_link_payload(f.link_payload).sender, 8);
+	memcpy(f.edge1, b + rx_off::RESP_EDGE1, 8);
+	memcpy(f.edge2, b + rx_off::RESP_EDGE2, 8);
+	return f;
 }
 
-void zalkv2_send_link_response(int ins, int port_index, const uint8_t *edge1, const uint8_t *edge2)
+char *mac_to_text(const uint8_t *mac, char *buf, size_t size)
 {
-	if (!valid_ins(ins) || port_index < PORT_A || port_index > PORT_B)
-		return;
-	zalkv2_instance &in = instances[ins];
-	uint8_t *f = in.tpl_link_response;
-
-	put_be16(f + tx_off::STATUS, link_response_status(in.ring_state));
-	zalkv2_own_bridge_id(ins, f + tx_off::RESP_SENDER);
-	// An edge not given keeps what the previous response carried.
-	if (edge1)
-		memcpy(f + tx_off::RESP_EDGE1, edge1, 8);
-	if (edge2)
-		memcpy(f + tx_off::RESP_EDGE2, edge2, 8);
-	packet_send(&in.port[port_index], f, ZALK_FRAME_LEN);
-}
-
-void zalkv2_send_link_responses(int ins, const uint8_t *edge1, const uint8_t *edge2)
-{
-	if (!valid_ins(ins))
-		return;
-	for (zalkv2_port &p : instances[ins].port)
-		if (zalkv2_port_configured(p))
-			zalkv2_send_link_response(ins, (int)p.port_index, edge1, edge2);
-	zalkv2_flush_other_rings(ins);
-}
-
-void zalkv2_flush_other_rings(int ins)
-{
-	if (!valid_ins(ins) || !instances[ins].enabled)
-		return;
-	// Every other slot, enabled or not: packet_send only sends on ports
-	// whose link is up, so slots without live ports stay silent.
-	for (int i = 0; i < ZALK_MAX_INSTANCES; i++) {
-		if (i == ins)
-			continue;
-		for (zalkv2_port &p : instances[i].port)
-			if (zalkv2_port_configured(p))
-				packet_send(&p, instances[i].tpl_flush, ZALK_FRAME_LEN);
-	}
-	signal_zalkv0();
+	snprintf(buf, size, "%.2x:%.2x:%.2x:%.2x:%.2x:%.2x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+	return buf;
 }

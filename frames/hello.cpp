@@ -20,14 +20,6 @@ constexpr uint16_t HELLO_STATUS_FORWARDING = 0x0004; // our port forwards
 
 constexpr size_t HELLO_CODE = ZALK_HELLO - 1; // its place in zalk_frame_types
 
-void put_be16(uint8_t *p, uint16_t v)
-{
-	p[0] = (uint8_t)(v >> 8);
-	p[1] = (uint8_t)v;
-}
-
-uint16_t get_be16(const uint8_t *p) { return (uint16_t)((p[0] << 8) | p[1]); }
-
 bool hello_runs(const zalkv2_port &port) { return port.hello_enable != 0 && zalkv2_port_configured(port); }
 
 // Link events of a port: port A uses the A codes, port B the B codes.
@@ -119,8 +111,8 @@ void send_zalk_trig(struct ev_loop *loop, ev_timer *w, int)
 	if (port->state == PORT_FORWARDING)
 		status |= HELLO_STATUS_FORWARDING;
 	frame[tx_off::TYPE] = zalk_frame_types[HELLO_CODE];
-	put_be16(frame + tx_off::HELLO_INTERVAL, (uint16_t)port->hello_time_ms);
-	put_be16(frame + tx_off::STATUS, status);
+	zalk_put_be16(frame + tx_off::HELLO_INTERVAL, (uint16_t)port->hello_time_ms);
+	zalk_put_be16(frame + tx_off::STATUS, status);
 	zalkv2_own_bridge_id(ins, frame + tx_off::HELLO_SENDER);
 
 	if (zalk_debug(ZALK_TRACE))
@@ -171,12 +163,9 @@ void send_zalk_trig(struct ev_loop *loop, ev_timer *w, int)
 	ev_timer_again(loop, w);
 }
 
-int is_hello_pkt(int ins, int ifindex, const uint8_t *frame)
+int is_hello_pkt(int ins, int p, const zalkv2_rx_frame &f)
 {
-	if (frame[rx_off::TYPE] != zalk_frame_types[HELLO_CODE])
-		return 0;
-	int p = 0;
-	if (!zalkv2_port_index(ins, ifindex, &p))
+	if (f.type != zalk_frame_types[HELLO_CODE])
 		return 0;
 	zalkv2_instance &inst = instances[ins];
 	zalkv2_port &port = inst.port[p];
@@ -187,18 +176,16 @@ int is_hello_pkt(int ins, int ifindex, const uint8_t *frame)
 		return 0;
 
 	port.hello_rx++;
-	const uint16_t status = get_be16(frame + rx_off::STATUS);
-	port.hello_resp = (status & HELLO_STATUS_Q) ? 2 : 1;
+	port.hello_resp = (f.status & HELLO_STATUS_Q) ? 2 : 1;
 
 	// A neighbour with another hello time is not refused; the status
 	// report shows the interval it uses.
-	const uint16_t interval = get_be16(frame + rx_off::HELLO_INTERVAL);
-	inst.rx_errors[p].rx_wrong_hello_time = interval == port.hello_time_ms ? 0 : interval;
+	inst.rx_errors[p].rx_wrong_hello_time = f.interval == port.hello_time_ms ? 0 : f.interval;
 
-	memcpy(port.remote_bridge_id, frame + rx_off::HELLO_SENDER, sizeof(port.remote_bridge_id));
+	memcpy(port.remote_bridge_id, f.sender, sizeof(port.remote_bridge_id));
 
 	if (zalk_debug(ZALK_TRACE))
 		zlog(LOG_NOTICE, "%s() - %s - id:%d status:0x%x(Q:%s) interval: %d\n", "is_hello_pkt",
-		     "is_hello_pkt", ins, status, (status & HELLO_STATUS_Q) ? "1" : "0", interval);
+		     "is_hello_pkt", ins, f.status, (f.status & HELLO_STATUS_Q) ? "1" : "0", f.interval);
 	return 1;
 }

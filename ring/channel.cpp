@@ -1,6 +1,6 @@
 // The event channel: a non-blocking pipe inside the process. Producers
-// write whole 40-byte records; the dispatcher's read watcher takes them off
-// one per callback, in posting order.
+// write whole 40-byte records; the dispatcher's read watcher (ring/
+// dispatch.cpp) takes them off one per callback, in posting order.
 #include "ring/channel.h"
 
 #include <cerrno>
@@ -9,13 +9,10 @@
 #include <unistd.h>
 
 #include "daemon/instance.h"
-#include "ring/dispatch.h"
 #include "status/names.h"
 #include "status/status.h"
 
 static_assert(zalk_names::events.size() == SM_EVENT_MAX + 1, "a name for every event code");
-
-ev_io sm_watcher;
 
 namespace {
 bool msg_pipe_created;
@@ -23,8 +20,6 @@ bool msg_pipe_created;
 // creation can never leave a descriptor number (0 = stdin) that a later
 // write would hit.
 int msg_pipe_fd[2] = {-1, -1};
-// Set only once sm_watcher has been initialised on a valid read end.
-bool sm_watcher_ready;
 } // namespace
 
 int msg_pipe_create()
@@ -42,36 +37,6 @@ int msg_pipe_create()
 	msg_pipe_fd[1] = fds[1];
 	msg_pipe_created = true;
 	return msg_pipe_fd[0];
-}
-
-void msg_bus_setup()
-{
-	int fd = msg_pipe_create();
-	if (fd == -1) {
-		// Without a pipe the watcher stays uninitialised; msg_bus_start
-		// and msg_bus_stop then do nothing and the ring logic hears
-		// no events at all.
-		zlog(LOG_ERR, "msg bus setup failed\n");
-		return;
-	}
-	ev_io_init(&sm_watcher, sm_cb, fd, EV_READ);
-	ev_set_priority(&sm_watcher, ZALK_PRI_EVENTS);
-	sm_watcher_ready = true;
-}
-
-void msg_bus_start(struct ev_loop *loop)
-{
-	// Never start a watcher on an invalid descriptor.
-	if (!sm_watcher_ready)
-		return;
-	ev_io_start(loop, &sm_watcher);
-}
-
-void msg_bus_stop(struct ev_loop *loop)
-{
-	if (!sm_watcher_ready)
-		return;
-	ev_io_stop(loop, &sm_watcher);
 }
 
 int sm_send_event(uint32_t instance, uint32_t event, const void *data, size_t length)

@@ -48,11 +48,6 @@ static_assert(sizeof(sm_event) == 40, "event records are 40 bytes on the pipe");
 // sender's bridge id.
 constexpr size_t SM_LINK_UP_DATA_LEN = 26;
 
-extern ev_io sm_watcher;
-
 int msg_pipe_create();
-void msg_bus_setup();
-void msg_bus_start(struct ev_loop *loop);
-void msg_bus_stop(struct ev_loop *loop);
 int sm_send_event(uint32_t instance, uint32_t event, const void *data, size_t length);
 int sm_read_event(sm_event *ev);

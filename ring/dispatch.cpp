@@ -8,7 +8,7 @@
 #include "daemon/instance.h"
 #include "daemon/os.h"
 #include "frames/frames.h"
-#include "frames/sockets.h"
+#include "frames/senders.h"
 #include "ring/channel.h"
 #include "ring/focal.h"
 #include "ring/link.h"
@@ -133,7 +133,7 @@ verdict member_action(int ins, uint32_t event, const uint8_t *data)
 	case RX_LINKB_1: {
 		int port = event == RX_LINKA_1 ? PORT_A : PORT_B;
 		if (is_edge_switch(ins, port))
-			zalkv2_send_link_response(ins, port, data + 2, nullptr);
+			zalkv2_send_link_response(ins, port, zalkv2_decode_link_payload(data).sender, nullptr);
 		return verdict::done;
 	}
 	case RX_LINKA_0:
@@ -187,11 +187,41 @@ void trace_event(const sm_event &ev)
 	zalk_event_log("sm_cb", "I:%d Enter %s\n", (int)ev.instance, zalk_event_name(ev.event));
 }
 
+// Set only once sm_watcher has been initialised on a valid read end.
+bool sm_watcher_ready;
+
 } // namespace
 
-int is_focal(int ins)
+ev_io sm_watcher;
+
+void msg_bus_setup()
 {
-	return instances[ins].enabled && instances[ins].role == RING_TYPE_FOCAL ? 1 : 0;
+	int fd = msg_pipe_create();
+	if (fd == -1) {
+		// Without a pipe the watcher stays uninitialised; msg_bus_start
+		// and msg_bus_stop then do nothing and the ring logic hears
+		// no events at all.
+		zlog(LOG_ERR, "msg bus setup failed\n");
+		return;
+	}
+	ev_io_init(&sm_watcher, sm_cb, fd, EV_READ);
+	ev_set_priority(&sm_watcher, ZALK_PRI_EVENTS);
+	sm_watcher_ready = true;
+}
+
+void msg_bus_start(struct ev_loop *loop)
+{
+	// Never start a watcher on an invalid descriptor.
+	if (!sm_watcher_ready)
+		return;
+	ev_io_start(loop, &sm_watcher);
+}
+
+void msg_bus_stop(struct ev_loop *loop)
+{
+	if (!sm_watcher_ready)
+		return;
+	ev_io_stop(loop, &sm_watcher);
 }
 
 void sm_cb(struct ev_loop *loop, ev_io *w, int)

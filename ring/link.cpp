@@ -1,46 +1,24 @@
-// Local link events of the ring ports, and the topology tests the whole
-// ring engine uses: edge switch, bus edge, and the focal point's memory
-// of the switches that reported a returning link.
+// Local link events of the ring ports, and the focal point's memory of
+// the switches that reported a returning link.
 #include "ring/link.h"
 
 #include <cstring>
 
 #include "daemon/instance.h"
 #include "frames/frames.h"
+#include "frames/senders.h"
 #include "frames/sockets.h"
-#include "ring/dispatch.h"
 #include "ring/focal.h"
 #include "ring/member.h"
 #include "status/names.h"
 #include "status/status.h"
-
-namespace {
-constexpr int other_port(int port) { return (port & 1) ^ 1; }
-} // namespace
-
-int is_bus_edge(int ins)
-{
-	return instances[ins].port[PORT_B].ifindex == -1 ? 1 : 0;
-}
-
-int is_edge_switch(int ins, int port)
-{
-	if (is_bus_edge(ins))
-		return 0;
-	const zalkv2_instance &in = instances[ins];
-	int edge = in.port[other_port(port)].link == 0 ? 1 : 0;
-	if (zalk_debug(ZALK_TRACE))
-		zlog(LOG_NOTICE, "%s() - Link A:%d B:%d Switch is edge: %d\n", "is_edge_switch",
-		     in.port[PORT_A].link, in.port[PORT_B].link, edge);
-	return edge;
-}
 
 void send_link_down(int ins, int port)
 {
 	// The report goes away from the failure, towards the rest of the
 	// ring; a port the ring does not have sends nothing.
 	zalkv2_instance &in = instances[ins];
-	zalkv2_port &out = in.port[other_port(port)];
+	zalkv2_port &out = in.port[zalkv2_other_port(port)];
 	if (!zalkv2_port_configured(out))
 		return;
 	packet_send(&out, in.tpl_link_down, ZALK_FRAME_LEN);
@@ -53,7 +31,8 @@ void store_edge_id(int ins, const uint8_t *payload)
 		return;
 	}
 	zalkv2_instance &in = instances[ins];
-	const uint8_t *id = payload + 2;
+	const zalkv2_link_fields up = zalkv2_decode_link_payload(payload);
+	const uint8_t *id = up.sender;
 
 	// A switch that repeats its Link Up is remembered once.
 	if (!memcmp(in.edge[0].edge_id, id, 8) || !memcmp(in.edge[1].edge_id, id, 8))
@@ -78,7 +57,7 @@ void local_link_down(int ins, int port)
 		return;
 	p.link = 0;
 
-	const bool other_up = in.port[other_port(port)].link == 1;
+	const bool other_up = in.port[zalkv2_other_port(port)].link == 1;
 	if (is_focal(ins)) {
 		focal_config_ring_topology(ins, other_up ? BROKEN_NET_FOCAL : DOWN_NET_FOCAL, 1);
 	} else {

@@ -1,5 +1,5 @@
-// Local link events of the ring ports and the topology tests used by the
-// whole engine.
+// Local link events of the ring ports, and the focal point's memory of
+// the switches that reported a returning link.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,5 @@
 
 void local_link_down(int ins, int port);
 void local_link_up(struct ev_loop *loop, int ins, int port);
-int is_edge_switch(int ins, int port);
-int is_bus_edge(int ins);
 void store_edge_id(int ins, const uint8_t *payload);
 void send_link_down(int ins, int port);

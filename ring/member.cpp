@@ -14,7 +14,6 @@
 #include "frames/frames.h"
 #include "frames/sockets.h"
 #include "ring/channel.h"
-#include "ring/link.h"
 #include "ring/ports.h"
 #include "status/eventlog.h"
 #include "status/files.h"
@@ -38,6 +37,18 @@ bool forward_delay_expired(const zalkv2_instance &in)
 }
 
 } // namespace
+
+int is_edge_switch(int ins, int port)
+{
+	if (is_bus_edge(ins))
+		return 0;
+	const zalkv2_instance &in = instances[ins];
+	int edge = in.port[zalkv2_other_port(port)].link == 0 ? 1 : 0;
+	if (zalk_debug(ZALK_TRACE))
+		zlog(LOG_NOTICE, "%s() - Link A:%d B:%d Switch is edge: %d\n", "is_edge_switch",
+		     in.port[PORT_A].link, in.port[PORT_B].link, edge);
+	return edge;
+}
 
 void member_timer_init()
 {

@@ -13,7 +13,6 @@
 
 #include "bridge/netlink_ops.h"
 #include "daemon/instance.h"
-#include "ring/link.h"
 #include "status/names.h"
 #include "status/status.h"
 

@@ -17,9 +17,10 @@ void run(benchmark::State &state, uint8_t type, uint8_t plen, size_t len = 60)
 	Ring ring;
 	fx::Bytes f = fx::rx_frame(3, type, plen);
 	f.resize(len);
+	const int vlan = fx::rx_vlan(f);
 	int n = 0;
 	for (auto _ : state) {
-		zalkv2_handle_frame(11, f.data(), f.size());
+		zalkv2_handle_frame(11, vlan, f.data(), f.size());
 		if (++n == 1000) { // the pipe holds about 1600 records
 			state.PauseTiming();
 			fx::posted();

@@ -20,8 +20,9 @@ struct LogLine {
 };
 
 struct Frame {
-	int ifindex; // sll_ifindex the frame was addressed to
+	int ifindex; // sll_ifindex the frame was addressed to, or came by
 	std::vector<uint8_t> bytes;
+	int vlan = -1; // received: the id of the tag the kernel took off, -1 none
 };
 
 struct Iface {
@@ -54,7 +55,7 @@ inline std::vector<std::pair<int, int>> kills;       // pid, signal
 
 // The system as the daemon sees it, as reset() leaves it.
 inline std::vector<Iface> ifaces;
-inline std::deque<Frame> rx_queue;        // what os_recvfrom hands out
+inline std::deque<Frame> rx_queue;        // what os_recv_frame hands out
 inline std::deque<RecvMsg> recvmsg_queue; // empty: EAGAIN
 inline int recvmsg_calls = 0;
 inline struct timeval now;                // 1000437.052301 s

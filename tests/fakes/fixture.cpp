@@ -159,6 +159,7 @@ Bytes rx_frame(uint8_t ring, uint8_t type, uint8_t plen, const uint8_t *src)
 	memcpy(&f[12], llc, sizeof(llc));
 	return f;
 }
+int rx_vlan(const Bytes &frame) { return frame[24] == 5 || frame[24] == 6 ? 4022 : 4021; }
 Bytes link_up_payload(uint8_t last)
 {
 	Bytes p(SM_LINK_UP_DATA_LEN, 0);

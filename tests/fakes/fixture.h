@@ -19,6 +19,8 @@
 #include "frames/frames.h"
 #include "frames/hello.h"
 #include "frames/linkmon.h"
+#include "frames/receive.h"
+#include "frames/senders.h"
 #include "frames/sockets.h"
 #include "ring/channel.h"
 #include "ring/dispatch.h"
@@ -66,6 +68,9 @@ std::string events();
 // A frame as the kernel delivers it (tag stripped, 60 bytes), from PEER.
 extern const uint8_t PEER[6];
 Bytes rx_frame(uint8_t ring, uint8_t type, uint8_t plen, const uint8_t *src = PEER);
+// The VLAN such a frame arrives on when a switch sent it: 4022 for Flush
+// and Ring, 4021 for the other types.
+int rx_vlan(const Bytes &frame);
 // A Link Up event's payload (frame bytes from 24): sender id ...:<last>.
 Bytes link_up_payload(uint8_t last);
 

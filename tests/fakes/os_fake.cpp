@@ -143,7 +143,7 @@ ssize_t os_sendmsg(int, const struct msghdr *msg, int)
 	return (ssize_t)f.bytes.size();
 }
 
-ssize_t os_recvfrom(int, void *buf, size_t len, int, struct sockaddr *from, socklen_t *fromlen)
+ssize_t os_recv_frame(int, void *buf, size_t len, os_rx_frame *info)
 {
 	if (rx_queue.empty()) {
 		errno = EAGAIN;
@@ -153,11 +153,7 @@ ssize_t os_recvfrom(int, void *buf, size_t len, int, struct sockaddr *from, sock
 	rx_queue.pop_front();
 	size_t n = std::min(len, f.bytes.size());
 	memcpy(buf, f.bytes.data(), n);
-	sockaddr_ll sll{}; // a frame received, not one sent out (sll_pkttype 0)
-	sll.sll_family = AF_PACKET;
-	sll.sll_ifindex = f.ifindex;
-	memcpy(from, &sll, std::min<size_t>(*fromlen, sizeof(sll)));
-	*fromlen = sizeof(sll);
+	*info = {f.ifindex, false, f.vlan}; // a frame received, not one sent out
 	return (ssize_t)n;
 }
 

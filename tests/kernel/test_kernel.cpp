@@ -23,6 +23,7 @@
 #include "frames/frames.h"
 #include "frames/hello.h"
 #include "frames/linkmon.h"
+#include "frames/receive.h"
 #include "frames/sockets.h"
 #include "ring/channel.h"
 #include "status/files.h"
@@ -153,7 +154,7 @@ bool readable(int fd, int timeout_ms)
 }
 
 // Ring 7 on zk1 receives what a port of ring 8 on its peer zk0 sends.
-TEST(Wire, ProtocolFramesArriveUntaggedNothingElseReachesUserSpace)
+TEST(Wire, OnlyProtocolFramesWithTheirTypesTagReachUserSpace)
 {
 	add_veth("zk0", "zk1");
 	ring_instance(0, 7, RING_TYPE_MEMBER, "zk1", nullptr);
@@ -172,8 +173,10 @@ TEST(Wire, ProtocolFramesArriveUntaggedNothingElseReachesUserSpace)
 		EXPECT_EQ(getsockopt(fd, SOL_SOCKET, SO_PRIORITY, &prio, &len), 0);
 		EXPECT_EQ((codes{(uint32_t)prio, (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0}), (codes{7, 1}));
 	}
-	// Frames to other prefixes go first; the link delivers in order, so
-	// the protocol frame read first proves they were dropped.
+	// Frames to other prefixes go first, then the Link Down without its
+	// type's tag: untagged, on a host's VLAN 100 and on the other
+	// protocol VLAN. The link delivers in order, so the protocol frame
+	// read first proves the filter dropped them.
 	uint8_t f[ZALK_FRAME_LEN], *t = instances[0].tpl_link_down, buf[2048];
 	for (auto p : {"\x01\x00\x5E", "\x03\x4C\xA1", "\x03\x4B\xA2", "\x33\x33\x00"}) {
 		memcpy(f, instances[0].tpl_flush, sizeof(f));
@@ -181,13 +184,23 @@ TEST(Wire, ProtocolFramesArriveUntaggedNothingElseReachesUserSpace)
 		packet_send(&tx, f, sizeof(f));
 	}
 	ASSERT_EQ(t[12], 0x81); // sent with its 802.1Q tag
+	memcpy(f, t, 12);
+	memcpy(f + 12, t + 16, ZALK_FRAME_LEN - 16);
+	packet_send(&tx, f, sizeof(f));
+	for (uint16_t tci : {0xE064, 0xEFB6}) {
+		memcpy(f, t, sizeof(f));
+		f[14] = (uint8_t)(tci >> 8), f[15] = (uint8_t)tci;
+		packet_send(&tx, f, sizeof(f));
+	}
 	packet_send(&tx, t, ZALK_FRAME_LEN);
 	ASSERT_TRUE(readable(rx.sock, 2000));
-	ssize_t n = recv(rx.sock, buf, sizeof(buf), 0);
+	os_rx_frame info;
+	ssize_t n = os_recv_frame(rx.sock, buf, sizeof(buf), &info);
 	bytes want(t, t + 12);
 	want.insert(want.end(), t + 16, t + 64);
 	memcpy(want.data() + 6, tx.mac, 6);
 	EXPECT_EQ(bytes(buf, buf + std::max<ssize_t>(n, 0)), want);
+	EXPECT_EQ((codes{(uint32_t)info.ifindex, info.outgoing, (uint32_t)info.vlan}), (codes{(uint32_t)rx.ifindex, 0, ZALK_MGNT_VLAN}));
 
 	// A frame leaving the port is not received on it, even untagged (as
 	// a bridge forwarding in software would send it on).

@@ -10,6 +10,7 @@
 #include "daemon/config.h"
 #include "daemon/configure.h"
 #include "daemon/daemon.h"
+#include "daemon/legacy.h"
 #include "tests/fakes/fixture.h"
 
 using namespace fx;
@@ -344,16 +345,19 @@ TEST_F(Configure, ShutdownRemovesTheDropFiltersFirstAndTearsRingsDownUnlessReboo
 
 TEST_F(Configure, VersionZeroPidFileAndSignal)
 {
-	// A live process gets SIGUSR1; a file that names no single process never signals a process group.
-	for (std::string pid : {std::to_string(getpid()), std::string("0"), std::string("garbage"), std::string("99999999999")}) {
+	// Only a running version-0 daemon gets SIGUSR1: not a stale file's pid, now another process's (named
+	// otherwise, or unnamed), and never a process group.
+	const std::string me = std::to_string(getpid());
+	for (std::string pid : {me, me + "-stale", std::to_string(getppid()), std::string("0"), std::string("garbage"),
+				std::string("99999999999")}) {
 		clear();
-		fake::write_file("/var/run/zalkd.pid", pid + "\n");
+		const bool live = pid == me;
+		fake::write_file("/proc/" + me + "/comm", live ? "zalkd\n" : "sshd\n");
+		fake::write_file("/var/run/zalkd.pid", pid.substr(0, pid.find('-')) + "\n");
 		signal_zalkv0();
-		const bool live = pid == std::to_string(getpid());
 		EXPECT_EQ(fake::kills, (live ? std::vector<std::pair<int, int>>{{getpid(), SIGUSR1}} : std::vector<std::pair<int, int>>{})) << pid;
 		EXPECT_EQ(errors(), live ? Lines{} : Lines{"Could not send signal to ZALKv0 daemon\n"}) << pid;
 	}
 }
-
 
 } // namespace

@@ -64,7 +64,7 @@ Bytes link_response(uint8_t ring, uint16_t status, const uint8_t *edge1, const u
 		memcpy(&f[rx_off::RESP_EDGE2 + 2], edge2, 6);
 	return f;
 }
-void handle(int ifindex, const Bytes &f) { zalkv2_handle_frame(ifindex, f.data(), f.size()); }
+void handle(int ifindex, const Bytes &f) { zalkv2_handle_frame(ifindex, rx_vlan(f), f.data(), f.size()); }
 
 TEST_F(Frames, EachFrameTypePostsItsEventWithItsPayload)
 {
@@ -133,6 +133,25 @@ TEST_F(Frames, OwnTaggedAndForeignFramesAreDroppedButReturningRingFramesCounted)
 	handle(11, rx_frame(255, ZALK_LINK_DOWN, 26));
 	EXPECT_EQ(events(), "0:RX_LINKA_0");
 	EXPECT_TRUE(fake::frames.empty());
+}
+
+// Read from the socket as the kernel reports it: a Link Down counts only
+// with its type's tag, never as a host on an access port sends it
+// (untagged, on its own VLAN) nor on the other protocol VLAN.
+TEST_F(Frames, OnlyALinkDownWithItsTypesTagMovesTheFocalPoint)
+{
+	make_ring(0, RING_TYPE_FOCAL);
+	links(0, 1, 1);
+	focal_config_ring_topology(0, RING_OK_NET_FOCAL, 1);
+	ASSERT_EQ(zalkv2_open_port_socket(&instances[0].port[PORT_A]), 0);
+	std::string states;
+	for (int vlan : {-1, 100, (int)ZALK_RING_VLAN, (int)ZALK_MGNT_VLAN}) {
+		fake::rx_queue.push_back({11, rx_frame(3, ZALK_LINK_DOWN, 26), vlan});
+		packet_rcv(loop, &instances[0].port[PORT_A].rx_watcher, EV_READ);
+		dispatch();
+		states += std::string(zalk_ring_state_name(instances[0].ring_state, false)) + " ";
+	}
+	EXPECT_EQ(states, "Ring Ok Ring Ok Ring Ok Broken ");
 }
 
 TEST_F(Frames, ALinkResponseForThisSwitchTracedLineByLine)

@@ -79,7 +79,7 @@ TEST_F(LinkMon, CarrierLossIsPostedBeforeFramesReadInTheSamePass)
 	for (int first_frame = 0; first_frame < 2; first_frame++) {
 		ASSERT_EQ(zalkv2_open_port_socket(&instances[0].port[PORT_A]), 0);
 		instances[0].port[PORT_B].operstate = ZALK_OPER_UP;
-		fake::rx_queue.push_back({11, rx_frame(3, ZALK_LINK_DOWN, 26)});
+		fake::rx_queue.push_back({11, rx_frame(3, ZALK_LINK_DOWN, 26), ZALK_MGNT_VLAN});
 		fake::recvmsg_queue.push_back(datagram({link_msg(12, IF_OPER_DOWN)}));
 		ev_io *w[2] = {&instances[0].port[PORT_A].rx_watcher, &link_watcher};
 		ev_feed_event(loop, w[!first_frame], EV_READ);
@@ -146,6 +146,7 @@ protected:
 		memcpy(&f[rx_off::HELLO_SENDER], y, 8);
 		return f;
 	}
+	static void receive(int ifindex, const Bytes &f) { zalkv2_handle_frame(ifindex, ZALK_MGNT_VLAN, f.data(), f.size()); }
 };
 
 TEST_F(Hello, LinkComingUpPostsDownAtTheNextTickAndQualifiesOnlyAfterAHello)
@@ -162,8 +163,7 @@ TEST_F(Hello, LinkComingUpPostsDownAtTheNextTickAndQualifiesOnlyAfterAHello)
 	EXPECT_EQ(events(), "0:LINKB1_0");
 	ASSERT_EQ(sent(), "Hello@12"); // Q from the earlier answer, 500 ms, own id
 	EXPECT_EQ(hex(fake::frames[0].bytes, 28, 18), "010e" "0001" "01f4" "0000020000000010" "00000000");
-	EXPECT_EQ(is_hello_pkt(0, 21, hello(1, 500).data()), 0) << "a port of another ring";
-	ASSERT_EQ(is_hello_pkt(0, 12, hello(1, 500).data()), 1);
+	receive(12, hello(1, 500));
 	hello_tick(0, PORT_B);
 	EXPECT_EQ(events(), "0:LINKB0_1");
 }
@@ -185,7 +185,7 @@ TEST_F(Hello, SilentNeighbourDropsQualificationAfterTwoFastRetries)
 	EXPECT_EQ(a.hello_miss, 0u);
 	EXPECT_DOUBLE_EQ(a.hello_timer.repeat, 0.5);
 	EXPECT_EQ(events(), "0:LINKA1_0");
-	ASSERT_EQ(is_hello_pkt(0, 11, hello(1, 500).data()), 1); // hello_resp is kept: the first new Hello requalifies
+	receive(11, hello(1, 500)); // hello_resp is kept: the first new Hello requalifies
 	hello_tick(0, PORT_A);
 	EXPECT_EQ(events(), "0:LINKA0_1");
 }
