@@ -187,9 +187,18 @@ bool ring_in_file(cfg_t *cfg, int ring_id)
 {
 	unsigned n = cfg_size(cfg, "zalk");
 	for (unsigned c = 0; c < n; c++)
-		if ((int32_t)cfg_getint(cfg_getnsec(cfg, "zalk", c), "ring-id") == ring_id)
+		if (cfg_getint(cfg_getnsec(cfg, "zalk", c), "ring-id") == ring_id)
 			return true;
 	return false;
+}
+
+// The running ring a section describes, or -1. Compared whole: a ring id
+// beyond 32 bits cut to a running one's would be taken for it, unchanged,
+// and never meet the refusal.
+int running_ring(cfg_t *ring_sec)
+{
+	long id = cfg_getint(ring_sec, "ring-id");
+	return id == (int32_t)id ? zalkv2_find_instance((int)id) : -1;
 }
 
 void quiesce(struct ev_loop *loop)
@@ -221,7 +230,7 @@ bool nothing_changes(cfg_t *cfg)
 	unsigned n = cfg_size(cfg, "zalk");
 	for (unsigned c = 0; c < n; c++) {
 		cfg_t *ring_sec = cfg_getnsec(cfg, "zalk", c);
-		int ins = zalkv2_find_instance((int32_t)cfg_getint(ring_sec, "ring-id"));
+		int ins = running_ring(ring_sec);
 		if (ins == -1 || !section_unchanged(ins, ring_sec))
 			return false;
 	}
@@ -241,7 +250,7 @@ void apply_changes(cfg_t *cfg, struct ev_loop *loop)
 	unsigned n = cfg_size(cfg, "zalk");
 	for (unsigned c = 0; c < n; c++) {
 		cfg_t *ring_sec = cfg_getnsec(cfg, "zalk", c);
-		int ins = zalkv2_find_instance((int32_t)cfg_getint(ring_sec, "ring-id"));
+		int ins = running_ring(ring_sec);
 		if (ins != -1 && section_unchanged(ins, ring_sec))
 			continue;
 		if (ins != -1)

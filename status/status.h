@@ -68,9 +68,6 @@ public:
 };
 // Writes what the batches have left to write.
 void zalk_status_flush();
-// zalk_set_port_status for a link report: written after the frames of
-// the event the report posts, or on the loop's next idle pass.
-void zalk_set_port_status_later(int ins, int port);
 int write_number_file(const char *dir, const char *name, long number);
 
 // The SIGUSR1 report, to standard error.
