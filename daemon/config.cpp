@@ -100,11 +100,35 @@ int read_whole(const char *path, char *buf, size_t size, size_t *len)
 	return e;
 }
 
+// Characters that end an unquoted value in libconfuse's scanner.
+bool ends_value(char c) { return !c || strchr(" \t\r\n#\"'={}()+,*", c); }
+
+// Where a quoted string that opens at p ends (at its closing quote, or at
+// the end of the text). Counts the lines it spans.
+const char *skip_quoted(const char *p, int &line)
+{
+	const char q = *p;
+	for (p++; *p && *p != q; p++) {
+		if (*p == '\\' && p[1]) {
+			p++;
+		} else if (q == '"' && *p == '$' && p[1] == '{' && strchr(p, '}')) {
+			// ${NAME} is read as a whole, whatever it holds
+			const char *close = strchr(p, '}');
+			for (; p < close; p++)
+				line += *p == '\n';
+		}
+		line += *p == '\n';
+	}
+	return p;
+}
+
 // The line at which the text ends inside a section, or 0 when every
 // brace is closed. libconfuse takes the end of the file as the end of
 // every open section, so a file cut off in the middle of a write would
-// otherwise set up a ring from half its settings. Braces inside quoted
-// strings and comments do not count, as in libconfuse's scanner.
+// otherwise set up a ring from half its settings. Braces count as
+// libconfuse's scanner reads them: not inside quoted strings, ${...} or
+// comments; a comment starts only where a value could (br0//x is one
+// value, br0#x a value and a comment).
 int open_section_line(const char *p)
 {
 	int depth = 0, line = 1;
@@ -112,15 +136,9 @@ int open_section_line(const char *p)
 		if (*p == '\n') {
 			line++;
 		} else if (*p == '"' || *p == '\'') {
-			char q = *p;
-			while (p[1] && p[1] != q) {
-				p++;
-				if (*p == '\\' && p[1])
-					p++;
-				line += *p == '\n';
-			}
-			if (p[1])
-				p++;
+			p = skip_quoted(p, line);
+			if (!*p)
+				break;
 		} else if (*p == '#' || (*p == '/' && p[1] == '/')) {
 			while (p[1] && p[1] != '\n')
 				p++;
@@ -130,10 +148,16 @@ int open_section_line(const char *p)
 			if (!*p)
 				break;
 			p++;
+		} else if (*p == '$' && p[1] == '{' && strchr(p, '}')) {
+			for (const char *close = strchr(p, '}'); p < close; p++)
+				line += p[1] == '\n';
 		} else if (*p == '{') {
 			depth++;
 		} else if (*p == '}') {
 			depth--;
+		} else if (!ends_value(*p)) {
+			while (!ends_value(p[1]))
+				p++;
 		}
 	}
 	// The last line that holds text, as libconfuse numbers lines.
@@ -201,6 +225,8 @@ bool port_refused(cfg_t *port_sec, bool member_port_a, zalkv2_refusal *out)
 void no_report(cfg_t *, const char *, va_list) {}
 
 } // namespace
+
+cfg_t *zalkv2_config_schema() { return init_schema(); }
 
 cfg_t *zalkv2_load_config(const char *path, bool report)
 {

@@ -9,6 +9,34 @@
 #include "tests/fuzz/harness.h"
 
 namespace {
+void quiet(cfg_t *, const char *, va_list) {}
+bool libconfuse_parses(const std::string &text)
+{
+	cfg_t *cfg = zalkv2_config_schema();
+	cfg_set_error_function(cfg, quiet);
+	const bool ok = cfg_parse_buf(cfg, text.c_str()) == CFG_SUCCESS;
+	cfg_free(cfg);
+	return ok;
+}
+
+// The loader refuses exactly the files libconfuse reads that end inside a
+// section: those where libconfuse also takes one more closing brace (after
+// closing a comment the text ends in: three braces vanish only there).
+void hold_against_libconfuse(const std::string &text)
+{
+	if (text.size() > ZALK_CONFIG_MAX_SIZE || text.find('\0') != std::string::npos)
+		return;
+	fake::write_file("/etc/zalkv2d.conf", text);
+	cfg_t *cfg = zalkv2_load_config((fake::root() + "/etc/zalkv2d.conf").c_str(), false);
+	const bool accepted = cfg != nullptr, parses = libconfuse_parses(text);
+	if (cfg)
+		cfg_free(cfg);
+	const bool in_comment = parses && libconfuse_parses(text + "\n}}}");
+	const bool cut = parses && libconfuse_parses(text + (in_comment ? "*/\n}" : "\n}"));
+	if ((accepted && !parses) || (parses && accepted == cut))
+		fprintf(stderr, "loader %s a file libconfuse %s\n", accepted ? "accepts" : "refuses", parses ? "reads" : "refuses"), abort();
+}
+
 void configure(const std::string &text, fuzz::Harness &h)
 {
 	fake::write_file("/etc/zalkv2d.conf", text);
@@ -30,6 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 		}
 		return true;
 	}();
+	hold_against_libconfuse(std::string((const char *)data, size));
 	configure(std::string((const char *)data, size), h);
 	if (std::any_of(std::begin(instances), std::end(instances), [](const zalkv2_instance &in) { return in.enabled; }))
 		configure("", h);
