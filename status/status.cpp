@@ -121,12 +121,17 @@ unsigned zalk_debug_level()
 
 namespace {
 unsigned lines_logged;
+void (*error_hook)();
 }
 
 unsigned zlog_lines() { return lines_logged; }
 
+void zlog_before_error(void (*hook)()) { error_hook = hook; }
+
 void zlog(int prio, const char *fmt, ...)
 {
+	if (prio == LOG_ERR && error_hook)
+		error_hook();
 	lines_logged++;
 	char line[1024];
 	va_list ap;

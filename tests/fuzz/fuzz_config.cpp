@@ -27,10 +27,13 @@ void hold_against_libconfuse(const std::string &text)
 	if (text.size() > ZALK_CONFIG_MAX_SIZE || text.find('\0') != std::string::npos)
 		return;
 	fake::write_file("/etc/zalkv2d.conf", text);
+	// Freed before the next parse: libconfuse's scanner keeps where the
+	// last text ended (inside a string) until its handle is freed.
 	cfg_t *cfg = zalkv2_load_config((fake::root() + "/etc/zalkv2d.conf").c_str(), false);
-	const bool accepted = cfg != nullptr, parses = libconfuse_parses(text);
+	const bool accepted = cfg != nullptr;
 	if (cfg)
 		cfg_free(cfg);
+	const bool parses = libconfuse_parses(text);
 	const bool in_comment = parses && libconfuse_parses(text + "\n}}}");
 	const bool cut = parses && libconfuse_parses(text + (in_comment ? "*/\n}" : "\n}"));
 	if ((accepted && !parses) || (parses && accepted == cut))

@@ -119,10 +119,41 @@ TEST_F(EventWork, DropFiltersRunAsOneBatchWithFailuresReportedAsAlone)
 		put(fake::root() + "/var/run/zalkv2/debug", c == 1 ? "2" : "0");
 		clear();
 		zalkv2_refresh_drop_filters();
-		EXPECT_EQ(fake::batches.size(), c < 2 ? 2u : 1u) << "a removal that said or ran something runs alone";
+		// A removal that said or ran something runs alone (a command run alone splits its step too).
+		EXPECT_EQ(fake::batches.size(), c == 0 ? 4u : c == 1 ? 2u : 1u);
 		EXPECT_TRUE(c == 0 || fake::commands == two_commands);
 		EXPECT_EQ(errors(), two_errors);
 	}
+
+	// A tc that dies: the lines before the last one it reported are done.
+	fake::spawn_hook = [](const std::vector<std::string> &v) {
+		const std::string line = join(v);
+		return line.find("prio 322 ") != std::string::npos ? 1 : line.find("prio 330 ") != std::string::npos ? 256 + 9 : 0;
+	};
+	tc_list_create();
+	clear();
+	zalkv2_set_drop_filters(1);
+	EXPECT_EQ(errors().at(0), "System fail add port eth1 mac 03:4b:a1:01:01:02 loc 322\n\n");
+
+	// A command that cannot join the batch runs in its place, after the
+	// queued ones, whose failures are reported first, as they are before
+	// any other error line.
+	strcpy(instances[1].port[0].name, "e#11");
+	std::erase_if(fake::ifaces, [](const fake::Iface &i) { return i.name == "eth2"; }); // its filters fail before tc
+	fake::spawn_hook = [](const std::vector<std::string> &v) {
+		const std::string line = join(v);
+		return line.find("prio 322 ") != std::string::npos || line.find("dev e#11 ingress protocol 802.1Q prio 301") != std::string::npos;
+	};
+	tc_list_create();
+	clear();
+	zalkv2_block_unconfigured_rings(1);
+	zalkv2_block_v0_macs(1);
+	const Lines in_order = errors(), commands_in_order = fake::commands;
+	tc_list_create();
+	clear();
+	zalkv2_set_drop_filters(1);
+	EXPECT_EQ(errors(), in_order);
+	EXPECT_EQ(fake::commands, commands_in_order);
 }
 
 } // namespace
