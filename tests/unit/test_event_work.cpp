@@ -5,6 +5,7 @@
 // read as when each command ran alone, and those of an unchanged
 // reconfiguration's two steps as one when the steps' reports allow it.
 #include <filesystem>
+#include <csignal>
 #include <fstream>
 
 #include "daemon/configure.h"
@@ -21,6 +22,10 @@ void put(const std::string &path, const char *text) { std::ofstream(path, std::i
 
 TEST_F(EventWork, DebugLevelFollowsEveryKindOfChangeAtTheNextRead)
 {
+	sigset_t io; // as a daemon started with SIGIO blocked
+	sigemptyset(&io);
+	sigaddset(&io, SIGIO);
+	sigprocmask(SIG_BLOCK, &io, nullptr);
 	const std::string dir = fake::root() + "/var/run/zalkv2", file = dir + "/debug", away = fake::root() + "/tmp/lvl";
 	const std::pair<std::function<void()>, unsigned> rows[] = {
 		{[&] { fs::remove_all(dir); }, 0},
