@@ -6,8 +6,9 @@
 #include <cstdint>
 #include <syslog.h>
 
-// Debug level bits, read anew from /var/run/zalkv2/debug at every gated
-// log point.
+// Debug level bits, from /var/run/zalkv2/debug: a change of the file
+// takes effect at the next gated log point (the file is read again only
+// when inotify reports a change).
 enum zalk_debug_bit : unsigned {
 	ZALK_STATE = 1,
 	ZALK_DBG = 2,
@@ -52,6 +53,8 @@ const char *zalk_logical_state_name(int state);
 // Status files under /var/run/zalkv2/<ring id>/.
 int zalk_status_setup(int ins);
 void zalk_set_status(int ins);
+// A link report: the port's link, logical_state and physical_state files,
+// written at once, before the ring logic reacts to the report.
 void zalk_set_port_status(int ins, int port);
 void zalk_remove_status(int ins);
 int remove_tree(const char *path);

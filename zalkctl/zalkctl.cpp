@@ -467,8 +467,8 @@ int cmd_debug(int argc, char **argv)
 			die(FAILED, "unknown debug bit: %s (state dbg note trace msg tip eventlog none, or a number)", argv[i]);
 		level |= bit == std::end(debug_bits) ? 0 : bit->second;
 	}
-	// Replaced whole by a rename: the daemon reads the file at every log
-	// point and must never see it half written.
+	// Replaced whole by a rename: the daemon reads the file again as soon
+	// as it changes and must never see it half written.
 	std::string tmp = path + ".zalkctl";
 	FILE *f = fopen(tmp.c_str(), "w");
 	if (!f || fprintf(f, "%lu\n", level) < 0 || fclose(f) || rename(tmp.c_str(), path.c_str()))

@@ -102,6 +102,10 @@ class Check(unittest.TestCase):
 			self.assertEqual(rc, 1, text)
 			self.assertIn(line + '\n', out, text)
 			self.assertEqual([l for l in out.splitlines() if l.startswith('error: ')], [line], text)
+		# The manual's example is the line the daemon logs for its ring.
+		out = self.check('zalk r7 { ring-id = 7 ring-role = member port a { name = lo hello-time = 0 } }\n')[1]
+		with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), '../../man/zalkv2d.conf.5.in')) as f:
+			self.assertIn('\nRing 7: ' + out.split('"r7": ', 1)[1].replace('-', '\\-'), f.read())
 
 	def test_warnings_and_strict(self):
 		rows = [
