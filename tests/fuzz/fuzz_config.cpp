@@ -21,8 +21,10 @@ bool libconfuse_parses(const std::string &text)
 
 // The loader refuses exactly the files libconfuse reads that end inside a
 // section: those where libconfuse also takes one more closing brace, after
-// whatever closes a comment or string the text ends in (sections nest two
-// deep at most, so three braces vanish only inside one).
+// closing a comment the text ends in (sections nest two deep at most, so
+// three braces vanish only inside a comment or string). A text that ends
+// inside a string is left out: libconfuse drops the string, and closing it
+// would make it a word libconfuse refuses.
 void hold_against_libconfuse(const std::string &text)
 {
 	if (text.size() > ZALK_CONFIG_MAX_SIZE || text.find('\0') != std::string::npos)
@@ -39,7 +41,7 @@ void hold_against_libconfuse(const std::string &text)
 			fprintf(stderr, "loader accepts a file libconfuse refuses\n"), abort();
 		return;
 	}
-	for (const char *closer : {"", "*/", "\""}) {
+	for (const char *closer : {"", "*/"}) {
 		if (libconfuse_parses(text + closer + "\n}}}"))
 			continue;
 		if (accepted == libconfuse_parses(text + closer + "\n}"))
