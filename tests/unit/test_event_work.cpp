@@ -92,19 +92,28 @@ TEST_F(EventWork, DropFiltersRunAsOneBatchWithFailuresReportedAsAlone)
 {
 	make_ring(0, RING_TYPE_MEMBER, 3);
 	make_ring(1, RING_TYPE_FOCAL, 5, false);
-	fake::spawn_hook = [](const std::vector<std::string> &v) {
-		const std::string line = join(v);
-		return line.find("prio 322 ") != std::string::npos || line.find("dev eth11 ingress protocol 802.1Q prio 301") != std::string::npos;
+	// Failing: a foreign ring's filter on eth1 and a version-0 one on the port named v0.
+	auto fail_on = [](const char *v0) {
+		fake::spawn_hook = [v0](const std::vector<std::string> &v) {
+			const std::string line = join(v);
+			return line.find("prio 322 ") != std::string::npos || line.find(std::string("dev ") + v0 + " ingress protocol 802.1Q prio 301") != std::string::npos;
+		};
 	};
-	zalkv2_block_unconfigured_rings(1); // one command at a time
-	zalkv2_block_v0_macs(1);
-	const Lines alone = errors(), commands = fake::commands;
-	ASSERT_TRUE(fake::batches.empty());
-	tc_list_create();
-	clear();
-	zalkv2_set_drop_filters(1);
-	EXPECT_EQ(errors(), alone);
-	EXPECT_EQ(fake::commands, commands);
+	// The commands one at a time, then as the batch: the same commands and error lines in the same order.
+	auto alone_then_batched = [this] {
+		tc_list_create();
+		zalkv2_block_unconfigured_rings(1);
+		zalkv2_block_v0_macs(1);
+		const Lines alone = errors(), commands = fake::commands;
+		tc_list_create();
+		clear();
+		zalkv2_set_drop_filters(1);
+		EXPECT_EQ(errors(), alone);
+		EXPECT_EQ(fake::commands, commands);
+		return alone;
+	};
+	fail_on("eth11");
+	const Lines alone = alone_then_batched();
 	ASSERT_EQ(fake::batches.size(), 1u);
 	EXPECT_EQ(fake::batches[0].substr(0, fake::batches[0].find('\n', 20) + 1),
 		  "tc -force -batch -\nfilter add dev eth1 ingress protocol 802.1Q prio 321 flower  dst_mac 03:4b:a1:01:01:01 vlan_id 4021 action drop\n");
@@ -145,20 +154,9 @@ TEST_F(EventWork, DropFiltersRunAsOneBatchWithFailuresReportedAsAlone)
 	// any other error line.
 	strcpy(instances[1].port[0].name, "e#11");
 	std::erase_if(fake::ifaces, [](const fake::Iface &i) { return i.name == "eth2"; }); // its filters fail before tc
-	fake::spawn_hook = [](const std::vector<std::string> &v) {
-		const std::string line = join(v);
-		return line.find("prio 322 ") != std::string::npos || line.find("dev e#11 ingress protocol 802.1Q prio 301") != std::string::npos;
-	};
-	tc_list_create();
+	fail_on("e#11");
 	clear();
-	zalkv2_block_unconfigured_rings(1);
-	zalkv2_block_v0_macs(1);
-	const Lines in_order = errors(), commands_in_order = fake::commands;
-	tc_list_create();
-	clear();
-	zalkv2_set_drop_filters(1);
-	EXPECT_EQ(errors(), in_order);
-	EXPECT_EQ(fake::commands, commands_in_order);
+	alone_then_batched();
 }
 
 } // namespace
