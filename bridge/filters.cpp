@@ -53,7 +53,9 @@ void entry_give_back(tc_entry *e)
 // instead of one process each. A failed command is reported afterwards,
 // with the same line as when it runs alone, and so is the summary line of
 // each group of commands that had a failure, in the order they were
-// given.
+// given. Before any other error line, and before a command that runs
+// alone, the commands queued so far run and are reported: every error
+// line then comes in the order the commands alone gave them.
 struct batch_line {
 	char action[4];
 	char dev[IF_NAMESIZE + 1];
@@ -76,8 +78,10 @@ constexpr size_t BATCH_LINE_MAX = 160;
 struct tc_batch {
 	bool active;
 	bool ran_alone; // a command that could not join the batch ran at once
+	bool group_open; // the last group may still get commands
 	int lines;
 	int groups;
+	int reported_groups; // groups whose summary is no longer due
 	size_t len;
 	std::array<batch_line, BATCH_MAX_LINES> line;
 	std::array<batch_group, BATCH_MAX_GROUPS> group;
@@ -120,13 +124,18 @@ void report_failure(const char *action, const char *dev, const char *mac, int pr
 // one argument.
 bool batch_safe(const char *dev) { return !strpbrk(dev, " \t\n\"'\\#"); }
 
+void before_error();
+
 void batch_begin()
 {
+	zlog_before_error(before_error);
 	batch.active = true;
 	batch.ran_alone = false;
+	batch.group_open = false;
 	names_used = 0;
 	batch.lines = 0;
 	batch.groups = 0;
+	batch.reported_groups = 0;
 	batch.len = 0;
 }
 
@@ -135,6 +144,7 @@ int batch_group_begin(const char *summary)
 	if (batch.groups == BATCH_MAX_GROUPS)
 		return -1;
 	batch.group[batch.groups] = {summary, false};
+	batch.group_open = true;
 	return batch.groups++;
 }
 
@@ -165,37 +175,58 @@ void batch_error_line(const char *text, void *)
 		batch.line[n - 1].failed = true;
 }
 
-void batch_run()
+// Runs the queued commands and reports their failures, each group's
+// summary after its last command once the group has ended (all: every
+// group has).
+void batch_flush(bool all)
 {
-	batch.active = false;
+	const bool was_active = batch.active;
+	batch.active = false; // what is logged from here on is not held back
 	if (batch.lines > 0) {
 		char tc[] = "tc", force[] = "-force", batch_opt[] = "-batch", from_stdin[] = "-";
 		char *argv[] = {tc, force, batch_opt, from_stdin, nullptr};
 		int st = os_spawn_input(argv, batch.text.data(), batch.len, batch_error_line, nullptr);
 		if (st < 0)
 			zlog(LOG_ERR, "Could not start command tc -force -batch -: %s\n", strerror(errno));
-		// Without a clean account of which lines failed, none counts as
-		// done: tc did not run, died, or failed without saying where.
-		bool named = false;
+		// tc works through its lines in order: those before the last one
+		// it named failed are accounted for. Past that, when it did not
+		// run, died, or failed without saying where, nothing counts as
+		// done.
+		int accounted = 0;
 		for (int i = 0; i < batch.lines; i++)
-			named = named || batch.line[i].failed;
-		if (st != 0 && (st < 0 || st > 255 || !named))
-			for (int i = 0; i < batch.lines; i++)
+			if (batch.line[i].failed)
+				accounted = i + 1;
+		if (st != 0 && (st < 0 || st > 255 || !accounted))
+			for (int i = accounted; i < batch.lines; i++)
 				batch.line[i].failed = true;
 	}
+	const int ended = all || !batch.group_open ? batch.groups : batch.groups - 1;
 	int next = 0;
-	for (int g = 0; g < batch.groups; g++) {
-		bool failed = batch.group[g].failed;
+	for (int g = batch.reported_groups; g < batch.groups; g++) {
 		for (; next < batch.lines && batch.line[next].group == g; next++) {
 			const batch_line &l = batch.line[next];
 			if (l.failed) {
 				report_failure(l.action, l.dev, l.mac, l.prio);
-				failed = true;
+				batch.group[g].failed = true;
 			}
 		}
-		if (failed)
+		if (g < ended && batch.group[g].failed)
 			zlog(LOG_ERR, "%s", batch.group[g].summary);
 	}
+	batch.reported_groups = ended;
+	batch.lines = 0;
+	batch.len = 0;
+	batch.active = was_active && !all;
+}
+
+void batch_run() { batch_flush(true); }
+
+// Before any error line of a batch's time: what the queued commands have
+// to report comes first.
+void before_error()
+{
+	if (batch.active && (batch.lines > 0 || batch.reported_groups < batch.groups - batch.group_open))
+		batch_flush(false);
 }
 
 } // namespace
@@ -292,8 +323,10 @@ int zalkv2_tc_write_filter(const char *dev, const char *action, const char *prot
 		zlog(LOG_NOTICE, "%s() - %s\n\n", "zalkv2_tc_write_filter", cmd.text());
 	if (batch_add(cmd.text() + 3, action, dev, mac, prio))
 		return 0; // its failure is reported when the batch has run
-	if (batch.active)
+	if (batch.active) {
+		batch_flush(false); // the commands before it run before it
 		batch.ran_alone = true;
+	}
 	if (cmd.run()) {
 		report_failure(action, dev, mac, prio);
 		return 1;
@@ -359,6 +392,7 @@ void end_group(int group, int failures, const char *summary)
 {
 	if (group >= 0) {
 		batch.group[group].failed = batch.group[group].failed || failures != 0;
+		batch.group_open = false;
 		return;
 	}
 	if (failures)

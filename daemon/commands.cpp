@@ -26,7 +26,11 @@ void zalk_command::piece(const char *p, size_t n, bool split)
 			if (!len)
 				return;
 		}
-		if (argc_ == max_words || words_len_ + len + 1 > sizeof(words_)) {
+		if (argc_ == max_words) {
+			many_words_ = true;
+			return;
+		}
+		if (words_len_ + len + 1 > sizeof(words_)) {
 			overflow_ = true;
 			return;
 		}
@@ -61,6 +65,10 @@ int zalk_command::run()
 	// refuse it rather than run a part of it.
 	if (overflow_) {
 		zlog(LOG_ERR, "Command too long, not run: %.64s...\n", text_);
+		return 127;
+	}
+	if (many_words_) {
+		zlog(LOG_ERR, "Command has too many words, not run: %s\n", text_);
 		return 127;
 	}
 	if (!argc_)

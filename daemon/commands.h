@@ -15,8 +15,8 @@ public:
 	zalk_command &name(const char *value, size_t max = 64);
 	zalk_command &number(long value);
 	const char *text() const { return text_; }
-	// The command's exit status; a command that is too long or cannot be
-	// started at all is logged and counts as status 127.
+	// The command's exit status; a command that is too long, has too many
+	// words or cannot be started at all is logged and counts as status 127.
 	int run();
 
 private:
@@ -28,5 +28,6 @@ private:
 	size_t words_len_ = 0;
 	char *argv_[max_words + 1];
 	int argc_ = 0;
-	bool overflow_ = false;
+	bool overflow_ = false;   // the text or its words cut short
+	bool many_words_ = false; // more than max_words, the text whole
 };

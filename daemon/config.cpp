@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,9 +15,16 @@
 
 namespace {
 
-// The longest period accepted, in milliseconds: longer ones overflow the
-// 50 ms and 200 ms tick counters the values are converted into.
-constexpr long MAX_PERIOD_MS = 3600L * 1000;
+// The longest period the daemon can keep: ring-interval and hello-time
+// are kept as 32-bit millisecond counts (and ring-interval as float
+// seconds that the status file turns back into one), so this is the
+// largest whole number of seconds below 2^31 ms.
+constexpr long MAX_PERIOD_MS = 2147483000L;
+// The longest delays whose tick counters (int32, counted one past the
+// limit) do not overflow: response-delay in 50 ms ticks, forward-delay in
+// 200 ms ticks.
+constexpr long MAX_RESPONSE_DELAY_MS = 50L * INT32_MAX + 49;
+constexpr long MAX_FORWARD_DELAY_S = (INT32_MAX - 1L) / 5;
 
 cfg_t *init_schema()
 {
@@ -92,11 +100,35 @@ int read_whole(const char *path, char *buf, size_t size, size_t *len)
 	return e;
 }
 
+// Characters that end an unquoted value in libconfuse's scanner.
+bool ends_value(char c) { return !c || strchr(" \t\r\n#\"'={}()+,*", c); }
+
+// Where a quoted string that opens at p ends (at its closing quote, or at
+// the end of the text). Counts the lines it spans.
+const char *skip_quoted(const char *p, int &line)
+{
+	const char q = *p;
+	for (p++; *p && *p != q; p++) {
+		if (*p == '\\' && p[1]) {
+			p++;
+		} else if (q == '"' && *p == '$' && p[1] == '{' && strchr(p, '}')) {
+			// ${NAME} is read as a whole, whatever it holds
+			const char *close = strchr(p, '}');
+			for (; p < close; p++)
+				line += *p == '\n';
+		}
+		line += *p == '\n';
+	}
+	return p;
+}
+
 // The line at which the text ends inside a section, or 0 when every
 // brace is closed. libconfuse takes the end of the file as the end of
 // every open section, so a file cut off in the middle of a write would
-// otherwise set up a ring from half its settings. Braces inside quoted
-// strings and comments do not count, as in libconfuse's scanner.
+// otherwise set up a ring from half its settings. Braces count as
+// libconfuse's scanner reads them: not inside quoted strings, ${...} or
+// comments; a comment starts only where a value could (br0//x is one
+// value, br0#x a value and a comment).
 int open_section_line(const char *p)
 {
 	int depth = 0, line = 1;
@@ -104,15 +136,9 @@ int open_section_line(const char *p)
 		if (*p == '\n') {
 			line++;
 		} else if (*p == '"' || *p == '\'') {
-			char q = *p;
-			while (p[1] && p[1] != q) {
-				p++;
-				if (*p == '\\' && p[1])
-					p++;
-				line += *p == '\n';
-			}
-			if (p[1])
-				p++;
+			p = skip_quoted(p, line);
+			if (!*p)
+				break;
 		} else if (*p == '#' || (*p == '/' && p[1] == '/')) {
 			while (p[1] && p[1] != '\n')
 				p++;
@@ -122,10 +148,16 @@ int open_section_line(const char *p)
 			if (!*p)
 				break;
 			p++;
+		} else if (*p == '$' && p[1] == '{' && strchr(p, '}')) {
+			for (const char *close = strchr(p, '}'); p < close; p++)
+				line += p[1] == '\n';
 		} else if (*p == '{') {
 			depth++;
 		} else if (*p == '}') {
 			depth--;
+		} else if (!ends_value(*p)) {
+			while (!ends_value(p[1]))
+				p++;
 		}
 	}
 	// The last line that holds text, as libconfuse numbers lines.
@@ -151,7 +183,7 @@ const char *period_refusal(long ms)
 {
 	if (ms <= 0)
 		return "a period must be above 0 ms";
-	return ms > MAX_PERIOD_MS ? "a period may be at most one hour" : nullptr;
+	return ms > MAX_PERIOD_MS ? "a period may be at most 2147483000 ms" : nullptr;
 }
 
 const char *port_name_refusal(const char *name)
@@ -170,7 +202,9 @@ const char *port_name_refusal(const char *name)
 	return nullptr;
 }
 
-bool port_refused(cfg_t *port_sec, zalkv2_refusal *out)
+// Only what the daemon reads of a port counts: hello-time where hello
+// runs, forward-delay on a member's port A (the member's delay).
+bool port_refused(cfg_t *port_sec, bool member_port_a, zalkv2_refusal *out)
 {
 	const char *title = cfg_title(port_sec);
 	const char *name = cfg_getstr(port_sec, "name");
@@ -179,17 +213,20 @@ bool port_refused(cfg_t *port_sec, zalkv2_refusal *out)
 		snprintf(out->value, sizeof(out->value), "\"%s\"", name);
 		return true;
 	}
-	if (const char *why = period_refusal(cfg_getint(port_sec, "hello-time")))
-		return refuse_int(out, port_sec, "hello-time", title, why);
+	if (cfg_getint(port_sec, "hello-enable"))
+		if (const char *why = period_refusal(cfg_getint(port_sec, "hello-time")))
+			return refuse_int(out, port_sec, "hello-time", title, why);
 	long fwd = cfg_getint(port_sec, "forward-delay");
-	if (fwd < 0 || fwd > MAX_PERIOD_MS / 1000)
-		return refuse_int(out, port_sec, "forward-delay", title, "must be 0 (none) to 3600 s");
+	if (member_port_a && (fwd < 0 || fwd > MAX_FORWARD_DELAY_S))
+		return refuse_int(out, port_sec, "forward-delay", title, "must be 0 (none) to 429496729 s");
 	return false;
 }
 
 void no_report(cfg_t *, const char *, va_list) {}
 
 } // namespace
+
+cfg_t *zalkv2_config_schema() { return init_schema(); }
 
 cfg_t *zalkv2_load_config(const char *path, bool report)
 {
@@ -274,11 +311,12 @@ bool zalkv2_ring_refused(cfg_t *ring_sec, zalkv2_refusal *out)
 		if (const char *why = period_refusal(cfg_getint(ring_sec, "ring-interval")))
 			return refuse_int(out, ring_sec, "ring-interval", nullptr, why);
 		long delay = cfg_getint(ring_sec, "response-delay");
-		if (delay < 0 || delay > MAX_PERIOD_MS)
-			return refuse_int(out, ring_sec, "response-delay", nullptr, "must be 0 to 3600000 ms");
+		if (delay < 0 || delay > MAX_RESPONSE_DELAY_MS)
+			return refuse_int(out, ring_sec, "response-delay", nullptr, "must be 0 to 107374182399 ms");
 	}
+	const bool member = zalkv2_cfg_ring_role(ring_sec) != 0;
 	for (unsigned p = 0; p < 2 && p < cfg_size(ring_sec, "port"); p++)
-		if (port_refused(cfg_getnsec(ring_sec, "port", p), out))
+		if (port_refused(cfg_getnsec(ring_sec, "port", p), member && p == 0, out))
 			return true;
 	return false;
 }

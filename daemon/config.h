@@ -23,6 +23,10 @@ constexpr long ZALK_CONFIG_MAX_SIZE = 64 * 1024;
 // With report false nothing is printed (libconfuse's diagnostics neither).
 cfg_t *zalkv2_load_config(const char *path, bool report = true);
 
+// The schema as a libconfuse handle, nothing parsed into it yet (the
+// fuzz target holds libconfuse's own reading against the loader's).
+cfg_t *zalkv2_config_schema();
+
 // 0 for a ring-role beginning with "focal", 1 for "member", else -1.
 int zalkv2_cfg_ring_role(cfg_t *ring_sec);
 

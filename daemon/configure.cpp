@@ -282,9 +282,18 @@ bool ring_in_file(cfg_t *cfg, int ring_id)
 {
 	unsigned n = cfg_size(cfg, "zalk");
 	for (unsigned c = 0; c < n; c++)
-		if ((int32_t)cfg_getint(cfg_getnsec(cfg, "zalk", c), "ring-id") == ring_id)
+		if (cfg_getint(cfg_getnsec(cfg, "zalk", c), "ring-id") == ring_id)
 			return true;
 	return false;
+}
+
+// The running ring a section describes, or -1. Compared whole: a ring id
+// beyond 32 bits cut to a running one's would be taken for it, unchanged,
+// and never meet the refusal.
+int running_ring(cfg_t *ring_sec)
+{
+	long id = cfg_getint(ring_sec, "ring-id");
+	return id == (int32_t)id ? zalkv2_find_instance((int)id) : -1;
 }
 
 void quiesce(struct ev_loop *loop)
@@ -316,7 +325,7 @@ bool nothing_changes(cfg_t *cfg)
 	unsigned n = cfg_size(cfg, "zalk");
 	for (unsigned c = 0; c < n; c++) {
 		cfg_t *ring_sec = cfg_getnsec(cfg, "zalk", c);
-		int ins = zalkv2_find_instance((int32_t)cfg_getint(ring_sec, "ring-id"));
+		int ins = running_ring(ring_sec);
 		if (ins == -1 || !section_unchanged(ins, ring_sec))
 			return false;
 	}
@@ -330,12 +339,13 @@ bool nothing_changes(cfg_t *cfg)
 // the file as it stands, as a reload would.
 bool needs_setup(cfg_t *ring_sec, bool repair, const std::array<int32_t, ZALK_MAX_INSTANCES> &waited, size_t n_waited)
 {
-	const int ring_id = (int32_t)cfg_getint(ring_sec, "ring-id");
-	const int ins = zalkv2_find_instance(ring_id);
+	const long ring_id = cfg_getint(ring_sec, "ring-id");
+	const int ins = running_ring(ring_sec);
 	if (!repair)
 		return ins == -1 || !section_unchanged(ins, ring_sec);
 	if (ins == -1)
-		return is_waiting(waited, n_waited, ring_id) && os_if_nametoindex("br0");
+		return ring_id == (int32_t)ring_id && is_waiting(waited, n_waited, (int)ring_id) &&
+		       os_if_nametoindex("br0");
 	char missing[ZALK_MISSING_MAX];
 	missing_of(ins, missing);
 	return !missing[0] && world_changed(ins);
@@ -366,7 +376,7 @@ void apply_changes(cfg_t *cfg, struct ev_loop *loop, bool repair)
 		cfg_t *ring_sec = cfg_getnsec(cfg, "zalk", c);
 		if (!needs_setup(ring_sec, repair, waited, n_waited))
 			continue;
-		int ins = zalkv2_find_instance((int32_t)cfg_getint(ring_sec, "ring-id"));
+		int ins = running_ring(ring_sec);
 		if (repair)
 			zlog(LOG_NOTICE, "Ring %ld: br0 or a ring port re-created, setting the ring up again\n",
 			     cfg_getint(ring_sec, "ring-id"));

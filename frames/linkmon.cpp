@@ -223,7 +223,9 @@ void zalkv2_link_changed(zalkv2_port *port, int up)
 
 	if (up) {
 		port->operstate = ZALK_OPER_UP;
-		zalk_set_port_status_later(ins, p);
+		// The port's files tell of the report before the ring logic
+		// has reacted to it.
+		zalk_set_port_status(ins, p);
 		// With hello the next tick moves the port on; qualification,
 		// not carrier, makes the link usable.
 		if (port->hello_enable)
@@ -231,7 +233,7 @@ void zalkv2_link_changed(zalkv2_port *port, int up)
 		sm_send_event((uint32_t)ins, p == PORT_A ? LINKA0_1 : LINKB0_1, nullptr, 0);
 	} else {
 		port->operstate = ZALK_OPER_DOWN;
-		zalk_set_port_status_later(ins, p);
+		zalk_set_port_status(ins, p);
 		if (port->hello_enable)
 			hello_set_state(ins, p, HELLO_PHY_DOWN);
 		else

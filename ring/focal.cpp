@@ -28,10 +28,11 @@ namespace {
 constexpr double RESPONSE_TICK = 0.05;   // the hold's 50 ms tick
 constexpr double RING_TIMER_FIRST = 1.0; // first ring check after start
 
-// The configuration does not restrict ring-interval. A period of 0 or
-// below would make the ring timer fire at every loop iteration and the
-// miss counters race to a timeout, so the timer never runs faster than
-// every 10 ms; the stored value stays as configured.
+// The configuration refuses a ring-interval of 0 or below, but an
+// instance record can hold anything: such a period would make the ring
+// timer fire at every loop iteration and the miss counters race to a
+// timeout, so the timer never runs faster than every 10 ms; the stored
+// value stays as it is.
 constexpr double RING_INTERVAL_MIN = 0.010;
 
 double ring_timer_period(float interval)
@@ -217,7 +218,8 @@ void focal_config_ring_topology(int ins, uint32_t state, int force)
 		     zalk_ring_state_name(in.ring_state, true), zalk_ring_state_name(state, true));
 
 	// Port states first (blocking before forwarding), then the flush, then
-	// the published state.
+	// the published state (inside an event's handling written when it
+	// ends, after its frames).
 	zalk_event_log("focal_config_ring_topology", "zalk_port_states (ins)\n");
 	in.ring_state = zalk_port_states(ins, state);
 	zalk_event_log("focal_config_ring_topology", "zalkv2_fdb_flush()\n");

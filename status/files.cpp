@@ -118,24 +118,12 @@ void forget(ring_tree &t)
 // Ring state changes whose files are still to be written, and how many
 // batches are open (see zalk_status_batch).
 bool status_due[ZALK_MAX_INSTANCES];
-bool port_due[ZALK_MAX_INSTANCES][2];
 int batch_depth;
 
-// Port files of a link report wait for the loop's next pass: when the
-// report posted an event, the dispatcher runs first (an idle watcher
-// runs only when nothing else is pending) and writes them after its
-// frames; when not, the idle watcher writes them.
-ev_idle later_watcher;
 // Runs while some file could not be written; its passes do not report
 // again what has been reported.
 ev_timer retry_watcher;
 bool retrying;
-
-void later_cb(struct ev_loop *loop, ev_idle *w, int)
-{
-	ev_idle_stop(loop, w);
-	zalk_status_flush();
-}
 
 char *root_dir(char (&buf)[STATUS_PATH_MAX]) { return zalk_path(buf, sizeof(buf), "%s", sc::ROOT); }
 
@@ -425,29 +413,11 @@ zalk_status_batch::~zalk_status_batch()
 void zalk_status_flush()
 {
 	for (int ins = 0; ins < ZALK_MAX_INSTANCES; ins++) {
-		const bool ring = status_due[ins], a = port_due[ins][0], b = port_due[ins][1];
-		status_due[ins] = port_due[ins][0] = port_due[ins][1] = false;
-		if (!instances[ins].enabled)
-			continue;
-		if (ring) {
+		const bool due = status_due[ins];
+		status_due[ins] = false;
+		if (due && instances[ins].enabled)
 			write_ring_state_files(ins); // both ports' files too
-			continue;
-		}
-		if (a)
-			want_port_state(ins, PORT_A);
-		if (b)
-			want_port_state(ins, PORT_B);
-		if (a || b)
-			sync_and_retry(ins);
 	}
-}
-
-void zalk_set_port_status_later(int ins, int port)
-{
-	port_due[ins][port & 1] = true;
-	if (!ev_cb(&later_watcher))
-		ev_idle_init(&later_watcher, later_cb);
-	ev_idle_start(EV_DEFAULT, &later_watcher);
 }
 
 int zalk_port_logical_state(int ins, int port)
@@ -510,8 +480,7 @@ void zalk_set_port_status(int ins, int port) { write_port_state_files(ins, port)
 
 void zalk_remove_status(int ins)
 {
-	// nothing is written into a removed tree
-	status_due[ins] = port_due[ins][0] = port_due[ins][1] = false;
+	status_due[ins] = false; // nothing is written into a removed tree
 	forget(trees[ins]);
 	char dir[STATUS_PATH_MAX];
 	remove_tree(instance_dir(dir, instances[ins]));

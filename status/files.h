@@ -4,6 +4,8 @@
 
 int zalk_status_setup(int ins);
 void zalk_set_status(int ins);
+// A link report: the port's link, logical_state and physical_state files,
+// written at once, before the ring logic reacts to the report.
 void zalk_set_port_status(int ins, int port);
 void zalk_remove_status(int ins);
 // The file "missing" of ring ring_id: the interfaces the ring waits for
@@ -27,6 +29,3 @@ public:
 };
 // Writes what the batches have left to write.
 void zalk_status_flush();
-// zalk_set_port_status for a link report: written after the frames of
-// the event the report posts, or on the loop's next idle pass.
-void zalk_set_port_status_later(int ins, int port);

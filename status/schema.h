@@ -51,7 +51,9 @@ static_assert(port_state_texts.size() == PORT_BLOCKING + 1);
 
 } // namespace zalk_schema
 
-// Debug level bits: each enables one class of log lines.
+// Debug level bits, from /var/run/zalkv2/debug: each enables one class of
+// log lines; a change of the file takes effect at the next gated log point
+// (the file is read again only when inotify reports a change).
 enum zalk_debug_bit : unsigned {
 	ZALK_STATE = 1,
 	ZALK_DBG = 2,

@@ -49,14 +49,20 @@ volatile sig_atomic_t debug_file_changed;
 void on_debug_file_change(int) { debug_file_changed = 1; }
 
 // SIGIO for the inotify descriptor; SA_RESTART so that no system call of
-// the daemon ever sees EINTR because of it.
+// the daemon ever sees EINTR because of it. Unblocked here: a daemon
+// started with SIGIO blocked (the mask is inherited) would otherwise
+// never hear of a change.
 bool signal_on_change(int fd)
 {
 	struct sigaction sa = {};
 	sa.sa_handler = on_debug_file_change;
 	sa.sa_flags = SA_RESTART;
 	sigemptyset(&sa.sa_mask);
-	if (sigaction(SIGIO, &sa, nullptr) < 0 || fcntl(fd, F_SETOWN, getpid()) < 0)
+	sigset_t io;
+	sigemptyset(&io);
+	sigaddset(&io, SIGIO);
+	if (sigaction(SIGIO, &sa, nullptr) < 0 || sigprocmask(SIG_UNBLOCK, &io, nullptr) < 0 ||
+	    fcntl(fd, F_SETOWN, getpid()) < 0)
 		return false;
 	int fl = fcntl(fd, F_GETFL);
 	return fl >= 0 && fcntl(fd, F_SETFL, fl | O_ASYNC) == 0;
@@ -121,12 +127,17 @@ unsigned zalk_debug_level()
 
 namespace {
 unsigned lines_logged;
+void (*error_hook)();
 }
 
 unsigned zlog_lines() { return lines_logged; }
 
+void zlog_before_error(void (*hook)()) { error_hook = hook; }
+
 void zlog(int prio, const char *fmt, ...)
 {
+	if (prio == LOG_ERR && error_hook)
+		error_hook();
 	lines_logged++;
 	char line[1024];
 	va_list ap;

@@ -18,6 +18,9 @@ inline bool zalk_debug(unsigned bit) { return (zalk_debug_level() & bit) != 0; }
 void zlog(int prio, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 // How many lines zlog has sent so far (wraps).
 unsigned zlog_lines();
+// hook runs before every LOG_ERR line zlog sends (nullptr: nothing), so
+// that work held back (a batch of commands) reports its own errors first.
+void zlog_before_error(void (*hook)());
 
 // Hex dump of a received frame to syslog, with bit MSG only.
 void debug_packet(const char *label, const uint8_t *buf, size_t len);

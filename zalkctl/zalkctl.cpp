@@ -501,8 +501,8 @@ int cmd_debug(int argc, char **argv)
 			die(FAILED, "unknown debug bit: %s (state dbg note trace msg tip eventlog none, or a number)", argv[i]);
 		level |= bit == sc::debug_bit_names.end() ? 0u : (unsigned)bit->bit;
 	}
-	// Replaced whole by a rename: the daemon reads the file at every log
-	// point and must never see it half written.
+	// Replaced whole by a rename: the daemon reads the file again as soon
+	// as it changes and must never see it half written.
 	std::string tmp = path + ".zalkctl";
 	FILE *f = fopen(tmp.c_str(), "w");
 	if (!f || fprintf(f, "%lu\n", level) < 0 || fclose(f) || rename(tmp.c_str(), path.c_str()))
@@ -532,6 +532,9 @@ constexpr long DEFAULT_RESPONSE_MS = 1500;
 // Periods below this leave a busy switch too little slack: four missed
 // ring intervals open the blocked port, missed hellos drop a link.
 constexpr long SHORT_PERIOD_MS = 50;
+// The daemon runs longer periods and delays, but a failure or a returning
+// link then goes unseen (or unanswered) for more than an hour.
+constexpr long HOUR_MS = 3600L * 1000;
 
 void check_ring(Checker &ck, cfg_t *cfg, unsigned c, std::vector<long> &ids)
 {
@@ -571,6 +574,11 @@ void check_ring(Checker &ck, cfg_t *cfg, unsigned c, std::vector<long> &ids)
 	long interval = cfg_getint(sec, "ring-interval");
 	if (role == 0 && interval < SHORT_PERIOD_MS)
 		ck.say(false, sec, "ring-interval = %ld ms is short: a busy switch may miss four and open the ring", interval);
+	if (role == 0 && interval > HOUR_MS)
+		ck.say(false, sec, "ring-interval = %ld ms is above an hour: a broken ring goes unseen that long", interval);
+	long delay = cfg_getint(sec, "response-delay");
+	if (role == 0 && delay > HOUR_MS)
+		ck.say(false, sec, "response-delay = %ld ms is above an hour: a returning link waits that long", delay);
 	unsigned nports = std::min(2u, cfg_size(sec, "port"));
 	if (!nports)
 		ck.say(false, sec, "no port section: the ring has no ports");
@@ -603,8 +611,14 @@ void check_ring(Checker &ck, cfg_t *cfg, unsigned c, std::vector<long> &ids)
 		else if (cfg_getint(port, "hello-time") < SHORT_PERIOD_MS)
 			ck.say(false, sec, "port %s: hello-time = %ld ms is short: a busy switch may drop the link", title,
 			       cfg_getint(port, "hello-time"));
+		else if (cfg_getint(port, "hello-time") > HOUR_MS)
+			ck.say(false, sec, "port %s: hello-time = %ld ms is above an hour: a link that fails silently goes unseen that long",
+			       title, cfg_getint(port, "hello-time"));
 		long fwd = cfg_getint(port, "forward-delay");
-		if (role == 1 && fwd > 0 && fwd * 1000 <= DEFAULT_RESPONSE_MS)
+		if (role != 0 && p == 0 && fwd > HOUR_MS / 1000)
+			ck.say(false, sec, "port %s: forward-delay = %ld s is above an hour: without an answer the returning port stays blocked that long",
+			       title, fwd);
+		if (role != 0 && p == 0 && fwd > 0 && fwd * 1000 <= DEFAULT_RESPONSE_MS)
 			ck.say(false, sec,
 			       "port %s: forward-delay = %ld s is not longer than the %ld ms a focal point with the default "
 			       "response-delay takes to answer: this member would open its returning port before the focal "

@@ -48,7 +48,8 @@ inline std::vector<std::string> commands;          // argv joined with one blank
 inline std::vector<std::vector<std::string>> argvs;
 // os_spawn_input: argv joined with one blank, a line end, then the input.
 // Each input line also counts as a command of argv[0] (commands, argvs,
-// spawn_hook); a failed one is reported as "Command failed -:N".
+// spawn_hook); a failed one is reported as "Command failed -:N", one that
+// answers above 255 ends the run with that status (the program died).
 inline std::vector<std::string> batches;
 inline std::vector<std::pair<int, int>> sched_calls; // policy, priority
 inline std::vector<std::pair<int, int>> kills;       // pid, signal

@@ -260,7 +260,10 @@ int os_spawn_input(char *const argv[], const char *input, size_t len,
 		for (auto &w : v)
 			cv.push_back(w.data());
 		cv.push_back(nullptr);
-		if (os_spawn(cv.data()) != 0) {
+		const int st = os_spawn(cv.data());
+		if (st > 255)
+			return st; // died at this line
+		if (st != 0) {
 			on_line(("Command failed -:" + std::to_string(n)).c_str(), ctx);
 			failed = 1;
 		}

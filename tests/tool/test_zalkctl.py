@@ -88,9 +88,9 @@ class Check(unittest.TestCase):
 			(ring(256), 'error: ring 256 "r256": ring-id = 256 refused: frames carry ring ids 0 to 255 only'),
 			(ring(3, role=''), 'error: ring 3 "r3": ring-role = (none) refused: every ring needs a role, focal or member'),
 			(ring(3, 'focal', extra='ring-interval = 0'), 'error: ring 3 "r3": ring-interval = 0 refused: a period must be above 0 ms'),
-			(ring(3, 'focal', extra='response-delay = -50'), 'error: ring 3 "r3": response-delay = -50 refused: must be 0 to 3600000 ms'),
+			(ring(3, 'focal', extra='response-delay = -50'), 'error: ring 3 "r3": response-delay = -50 refused: must be 0 to 107374182399 ms'),
 			(ring(3, port_extra='hello-time = -1'), 'error: ring 3 "r3": port p0: hello-time = -1 refused: a period must be above 0 ms'),
-			(ring(3, port_extra='forward-delay = -1'), 'error: ring 3 "r3": port p0: forward-delay = -1 refused: must be 0 (none) to 3600 s'),
+			(ring(3, port_extra='forward-delay = -1'), 'error: ring 3 "r3": port p0: forward-delay = -1 refused: must be 0 (none) to 429496729 s'),
 			(ring(3, ports=('lo', '../../etc')), 'error: ring 3 "r3": port p1: name = "../../etc" refused: not a Linux interface name'),
 			(ring(3, ports=('eth1 dev lo',)), 'error: ring 3 "r3": port p0: name = "eth1 dev lo" refused: not a Linux interface name'),
 			(ring(3, ports=('tc_count',)), 'error: ring 3 "r3": port p0: name = "tc_count" refused: the name of one of the ring\'s status files'),
@@ -102,6 +102,10 @@ class Check(unittest.TestCase):
 			self.assertEqual(rc, 1, text)
 			self.assertIn(line + '\n', out, text)
 			self.assertEqual([l for l in out.splitlines() if l.startswith('error: ')], [line], text)
+		# The manual's example is the line the daemon logs for its ring.
+		out = self.check('zalk r7 { ring-id = 7 ring-role = member port a { name = lo hello-time = 0 } }\n')[1]
+		with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), '../../man/zalkv2d.conf.5.in')) as f:
+			self.assertIn('\nRing 7: ' + out.split('"r7": ', 1)[1].replace('-', '\\-'), f.read())
 
 	def test_warnings_and_strict(self):
 		rows = [
@@ -114,6 +118,10 @@ class Check(unittest.TestCase):
 			(ring(3, 'focal', extra='blocked-port = eth7'), 'ring 3 "r3": blocked-port = "eth7" names neither port: port A is blocked'),
 			(ring(3, 'focal', extra='ring-interval = 20'), 'ring 3 "r3": ring-interval = 20 ms is short'),
 			(ring(3, port_extra='hello-time = 1'), 'ring 3 "r3": port p0: hello-time = 1 ms is short'),
+			(ring(3, port_extra='hello-time = 3600001'), 'ring 3 "r3": port p0: hello-time = 3600001 ms is above an hour'),
+			(ring(3, port_extra='forward-delay = 3601'), 'ring 3 "r3": port p0: forward-delay = 3601 s is above an hour'),
+			(ring(3, 'focal', extra='ring-interval = 3600001'), 'ring 3 "r3": ring-interval = 3600001 ms is above an hour'),
+			(ring(3, 'focal', extra='response-delay = 3600001'), 'ring 3 "r3": response-delay = 3600001 ms is above an hour'),
 			(ring(3, port_extra='forward-delay = 1'), 'ring 3 "r3": port p0: forward-delay = 1 s is not longer than the 1500 ms a focal point with the default response-delay takes to answer: this member would open its returning port before the focal point has blocked its own, a loop'),
 			(ring(3, port_extra='hello-enable = 0'), 'ring 3 "r3": port p0: hello-enable = 0: a link that fails silently goes unseen'),
 			(ring(3, ports=('zalknosuch0',)), 'ring 3 "r3": port p0: interface zalknosuch0 does not exist on this machine'),

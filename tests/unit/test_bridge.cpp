@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <linux/if_bridge.h>
 
+#include "daemon/commands.h"
+#include "daemon/util.h"
 #include "tests/fakes/fixture.h"
 
 using namespace fx;
@@ -108,6 +110,9 @@ TEST_F(BridgeOps, RefusalsAndDebugLines)
 				    "zalkv2_set_mst_port_state() - #99 : Invalid state\n\n",
 				    "zalkv2_fdb_remove() - zalkv2_fdb_remove - bridge fdb del ab:cd:ef:0a:0b:0c dev eth2 master vlan 4022\n\n"}));
 	EXPECT_EQ(fake::argvs, (std::vector<Lines>{{"bridge", "fdb", "del", "ab:cd:ef:0a:0b:0c", "dev", "eth2", "master", "vlan", "4022"}}));
+	zalk_command many; // not cut short: refused whole, with its own reason
+	EXPECT_EQ(many.fixed("a b c d e f g h i j k l m n o p q r s t u v w x y z 1 2 3 4 5 6").run(), 127);
+	EXPECT_EQ(errors().back(), "Command has too many words, not run: a b c d e f g h i j k l m n o p q r s t u v w x y z 1 2 3 4 5 6\n");
 }
 
 TEST_F(BridgeOps, AttributeBuilderKeepsToTheBound)

@@ -81,9 +81,9 @@ protected:
 TEST_F(Configure, LoaderReadersAndMessages)
 {
 	// Roles are case-sensitive prefixes. Port B absent: -1; the default name, or a name that is no interface: 0.
-	// A brace in a comment or string does not count.
+	// A brace in a comment, string or ${...} does not count; // inside a value starts no comment.
 	fake::write_file("/etc/zalkv2d.conf", "zalk ring { ring-role = focal-point port a { } } # }\nzalk two { ring-role = members port a { name = eth1 } "
-					      "port b { name = eth99 } }\nzalk r { ring-role = Focal }\nzalk s { ring-role = \"{\" /* { */ }\n");
+					      "port b { name = eth99 } }\nzalk r { ring-role = Focal bridge = br0//x }\nzalk s { ring-role = \"{${Z\"{}\" /* { */ bridge = ${Z{} }\n");
 	cfg_t *cfg = zalkv2_read_config(), *r = cfg_getnsec(cfg, "zalk", 0), *two = cfg_getnsec(cfg, "zalk", 1);
 	std::string got;
 	for (int i = 0; i < 4; i++)

@@ -5,6 +5,7 @@
 // read as when each command ran alone, and those of an unchanged
 // reconfiguration's two steps as one when the steps' reports allow it.
 #include <filesystem>
+#include <csignal>
 #include <fstream>
 
 #include "daemon/configure.h"
@@ -21,6 +22,10 @@ void put(const std::string &path, const char *text) { std::ofstream(path, std::i
 
 TEST_F(EventWork, DebugLevelFollowsEveryKindOfChangeAtTheNextRead)
 {
+	sigset_t io; // as a daemon started with SIGIO blocked
+	sigemptyset(&io);
+	sigaddset(&io, SIGIO);
+	sigprocmask(SIG_BLOCK, &io, nullptr);
 	const std::string dir = fake::root() + "/var/run/zalkv2", file = dir + "/debug", away = fake::root() + "/tmp/lvl";
 	const std::pair<std::function<void()>, unsigned> rows[] = {
 		{[&] { fs::remove_all(dir); }, 0},
@@ -89,19 +94,28 @@ TEST_F(EventWork, DropFiltersRunAsOneBatchWithFailuresReportedAsAlone)
 {
 	make_ring(0, RING_TYPE_MEMBER, 3);
 	make_ring(1, RING_TYPE_FOCAL, 5, false);
-	fake::spawn_hook = [](const std::vector<std::string> &v) {
-		const std::string line = join(v);
-		return line.find("prio 322 ") != std::string::npos || line.find("dev eth11 ingress protocol 802.1Q prio 301") != std::string::npos;
+	// Failing: a foreign ring's filter on eth1 and a version-0 one on the port named v0.
+	auto fail_on = [](const char *v0) {
+		fake::spawn_hook = [v0](const std::vector<std::string> &v) {
+			const std::string line = join(v);
+			return line.find("prio 322 ") != std::string::npos || line.find(std::string("dev ") + v0 + " ingress protocol 802.1Q prio 301") != std::string::npos;
+		};
 	};
-	zalkv2_block_unconfigured_rings(1); // one command at a time
-	zalkv2_block_v0_macs(1);
-	const Lines alone = errors(), commands = fake::commands;
-	ASSERT_TRUE(fake::batches.empty());
-	tc_list_create();
-	clear();
-	zalkv2_set_drop_filters(1);
-	EXPECT_EQ(errors(), alone);
-	EXPECT_EQ(fake::commands, commands);
+	// The commands one at a time, then as the batch: the same commands and error lines in the same order.
+	auto alone_then_batched = [this] {
+		tc_list_create();
+		zalkv2_block_unconfigured_rings(1);
+		zalkv2_block_v0_macs(1);
+		const Lines alone = errors(), commands = fake::commands;
+		tc_list_create();
+		clear();
+		zalkv2_set_drop_filters(1);
+		EXPECT_EQ(errors(), alone);
+		EXPECT_EQ(fake::commands, commands);
+		return alone;
+	};
+	fail_on("eth11");
+	const Lines alone = alone_then_batched();
 	ASSERT_EQ(fake::batches.size(), 1u);
 	EXPECT_EQ(fake::batches[0].substr(0, fake::batches[0].find('\n', 20) + 1),
 		  "tc -force -batch -\nfilter add dev eth1 ingress protocol 802.1Q prio 321 flower  dst_mac 03:4b:a1:01:01:01 vlan_id 4021 action drop\n");
@@ -121,10 +135,30 @@ TEST_F(EventWork, DropFiltersRunAsOneBatchWithFailuresReportedAsAlone)
 		put(fake::root() + "/var/run/zalkv2/debug", c == 1 ? "2" : "0");
 		clear();
 		zalkv2_refresh_drop_filters();
-		EXPECT_EQ(fake::batches.size(), c < 2 ? 2u : 1u) << "a removal that said or ran something runs alone";
+		// A removal that said or ran something runs alone (a command run alone splits its step too).
+		EXPECT_EQ(fake::batches.size(), c == 0 ? 4u : c == 1 ? 2u : 1u);
 		EXPECT_TRUE(c == 0 || fake::commands == two_commands);
 		EXPECT_EQ(errors(), two_errors);
 	}
+
+	// A tc that dies: the lines before the last one it reported are done.
+	fake::spawn_hook = [](const std::vector<std::string> &v) {
+		const std::string line = join(v);
+		return line.find("prio 322 ") != std::string::npos ? 1 : line.find("prio 330 ") != std::string::npos ? 256 + 9 : 0;
+	};
+	tc_list_create();
+	clear();
+	zalkv2_set_drop_filters(1);
+	EXPECT_EQ(errors().at(0), "System fail add port eth1 mac 03:4b:a1:01:01:02 loc 322\n\n");
+
+	// A command that cannot join the batch runs in its place, after the
+	// queued ones, whose failures are reported first, as they are before
+	// any other error line.
+	strcpy(instances[1].port[0].name, "e#11");
+	std::erase_if(fake::ifaces, [](const fake::Iface &i) { return i.name == "eth2"; }); // its filters fail before tc
+	fail_on("e#11");
+	clear();
+	alone_then_batched();
 }
 
 } // namespace

@@ -120,6 +120,25 @@ TEST_F(LinkMon, ReCreatedBridgeOrRingPortStartsTheRepairCheck)
 	ev_timer_stop(loop, &world_timer);
 }
 
+// A link report's port files tell of the report before the ring logic
+// reacts to it: carrier back on a focal point's port B without hello,
+// carrier lost on a bus-edge member's only port.
+TEST_F(LinkMon, PortFilesOfAReportAreWrittenBeforeItsEvent)
+{
+	make_ring(0, RING_TYPE_FOCAL);
+	zalkv2_instance &m = make_ring(1, RING_TYPE_MEMBER, 4, false);
+	m.port[PORT_A].link = 1;
+	m.ring_state = DOWN_NET_MEMBER; // no state change: nothing else writes the files
+	instances[0].port[PORT_B].operstate = ZALK_OPER_DOWN;
+	zalkv2_link_changed(&instances[0].port[PORT_B], 1);
+	dispatch();
+	zalkv2_link_changed(&instances[1].port[PORT_A], 0);
+	dispatch();
+	EXPECT_EQ(fake::read_file("/var/run/zalkv2/3/eth2/link") + fake::read_file("/var/run/zalkv2/3/eth2/logical_state") +
+			  fake::read_file("/var/run/zalkv2/4/eth11/link"),
+		  "0Not Qualified1");
+}
+
 class Hello : public Unit {
 protected:
 	// Ring 7 in slot 0 (eth1/eth2, 11/12) and slot 1 (eth11, 21), hello on.
