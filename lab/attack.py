@@ -285,7 +285,11 @@ def window(lab, watch, seconds, act=None, cut_ports=(), flood=False):
 def settle(lab):
 	if not lab.wait(lambda: whole(lab), 30.0, 0.1):
 		raise zlab.LabError('the ring did not close: %s' % lab.blocking_ports(1))
-	time.sleep(1.0)
+	# and stays so: no ring state change for 1.5 s
+	tc = None
+	while tc != tc_counts(lab):
+		tc = tc_counts(lab)
+		time.sleep(1.5)
 
 
 def run_attack(lab, watch, name, a):

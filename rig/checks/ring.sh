@@ -191,7 +191,9 @@ say "ring closed $(($(date +%s) - t)) s after the daemons started"
 # and tagged 4021 and 4022, which s2's bridge must refuse at that port.
 # The ring does not move: no request reaches any ring port (each port
 # state set and each FDB flush is announced for its port), s1.ra stays
-# the one blocked port.
+# the one blocked port. Meanwhile s1.ra drops whatever arrives (its
+# daemon's packet socket still sees every frame), so that a daemon fooled
+# into opening it makes no loop: a loop would flood the guest.
 ip -n s2 link add ha type veth peer name hx
 ip -n s2 link set ha master br0
 ip -n s2 link set ha up
@@ -201,18 +203,20 @@ for s in s1 s2 s3; do
 	in_sw $s bridge monitor link > /tmp/announced-$s &
 	eval MON$s=$!
 done
+hold s1 ra
 sleep 0.5
 for vid in 0 10 4021 4022; do
 	for type in 1 2 3 4 5 6 7; do
-		ip netns exec s2 "$RIGCTL" frame hx 3 $type $vid 2
+		ip netns exec s2 "$RIGCTL" frame hx 3 $type $vid 1
 	done
 done
 sleep 2
 kill -TERM $MONs1 $MONs2 $MONs3
-wait $MONs1 $MONs2 $MONs3
+wait $MONs1 $MONs2 $MONs3 2>/dev/null
 same "access-port frames of every type: no port state set or FDB flush on any ring port" "" \
 	"$(grep -hE '^[0-9]+: r[ab][@:]' /tmp/announced-s1 /tmp/announced-s2 /tmp/announced-s3)"
 same "access-port frames of every type: still one blocked port, s1.ra" "s1.ra " "$(blocked)"
+release s1 ra
 
 # The management VLAN passes the blocked port (MSTI 4021 forwarding); the
 # observer ports join VLAN 4021 now that the daemons have made its MSTI.
