@@ -53,11 +53,9 @@ import time
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import zlab  # noqa: E402
 
-MGNT_VLAN, RING_VLAN = 4021, 4022
-# type: code, payload length, group address entry, VLAN (as the daemon sends them)
-TYPES = {'hello': (1, 14, 1, MGNT_VLAN), 'linkdown': (2, 26, 2, MGNT_VLAN), 'linkup': (3, 26, 2, MGNT_VLAN),
-	 'response': (4, 28, 2, MGNT_VLAN), 'flush': (5, 28, 4, RING_VLAN), 'ring': (6, 12, 3, RING_VLAN),
-	 'trig': (7, 12, 2, MGNT_VLAN)}
+# type: code, payload length, group address entry
+TYPES = {'hello': (1, 14, 1), 'linkdown': (2, 26, 2), 'linkup': (3, 26, 2), 'response': (4, 28, 2),
+	 'flush': (5, 28, 4), 'ring': (6, 12, 3), 'trig': (7, 12, 2)}
 
 
 def mac_bytes(text):
@@ -69,10 +67,10 @@ def bridge_id(mac):
 
 
 def frame(kind, ring_id, src, vid=None, fields=b''):
-	"""A protocol frame as the daemon sends it, but with the tag given
-	(None: untagged, then 60 bytes). fields: the type's own bytes after
+	"""A protocol frame as the daemon sends it, but with the VLAN given
+	(priority 7; None: untagged, then 60 bytes). fields: the type's own bytes after
 	the type and payload length (sender ids, status, edges)."""
-	code, plen, group, _ = TYPES[kind]
+	code, plen, group = TYPES[kind]
 	f = bytearray(64)
 	f[0:6] = mac_bytes(zlab.group_mac(ring_id, group))
 	f[6:12] = mac_bytes(src)
@@ -84,7 +82,8 @@ def frame(kind, ring_id, src, vid=None, fields=b''):
 
 
 def send(lab, host, frames, rate=1000):
-	"""Puts frames (hex, one kind) on host's eth0: (sender's JSON)."""
+	"""Puts each (frame, count) on host's eth0 at rate frames/s; returns
+	the sender's figures of each."""
 	out = []
 	for fr, count in frames:
 		p = zlab.sh(['ip', 'netns', 'exec', lab.ns(host), *zlab.PROBE_PRIO, lab.probe_bin(), 'flood', 'eth0',
