@@ -282,7 +282,7 @@ def window(lab, watch, seconds, act=None, cut_ports=(), flood=False):
 
 
 def settle(lab):
-	if not lab.wait(lambda: whole(lab), 30.0, 0.1):
+	if not lab.wait(lambda: whole(lab), 60.0, 0.1):
 		raise zlab.LabError('the ring did not close: %s' % lab.blocking_ports(1))
 	# and stays so: no ring state change for 1.5 s
 	tc = None
