@@ -14,7 +14,7 @@
 //   rigctl port-watch MS MSTI [NS/]IFNAME... port and MSTI states across namespaces
 //   rigctl vlan-global BRIDGE                "vid V msti M mcast_snooping S mcast_querier Q"
 //   rigctl send IFNAME DST VID COUNT [GAP]   tagged frames (VID 0: untagged), GAP ms apart
-//   rigctl frame IFNAME RING TYPE VID COUNT  protocol frames of TYPE, tagged VID (0: untagged)
+//   rigctl frame IFNAME RING TYPE VID COUNT  protocol frames of TYPE (0: all), tagged VID (0: untagged)
 //   rigctl count IFNAME DST MS               frames to DST seen in MS ms (or until
 //                                            SIGTERM), with their VIDs
 //   rigctl syslog FILE                       serve /dev/log into FILE
@@ -596,23 +596,27 @@ int cmd_send(const char *ifname, const char *dst, int vid, int count, long gap_m
 	return send_frames(ifname, f, sizeof f, count, gap_ms);
 }
 
-// A protocol frame of TYPE (1 Hello to 7 Trig) of ring RING as the daemons
-// send it, but with the tag VID (0: none) and every field after the type
-// zero: with no base MAC in the rig every switch's id is zero, so a zero
-// id names each of them.
+// Protocol frames of TYPE (1 Hello to 7 Trig; 0: each of them in turn)
+// of ring RING as the daemons send them, but with the tag VID (0: none)
+// and every field after the type zero: with no base MAC in the rig every
+// switch's id is zero, so a zero id names each of them.
 int cmd_frame(const char *ifname, int ring, int type, int vid, int count)
 {
 	static const uint8_t payload_len[] = {0, 14, 26, 26, 28, 28, 12, 12};
 	static const uint8_t group[] = {0, 1, 2, 2, 2, 4, 3, 2};
-	if (type < 1 || type > 7)
+	if (type < 0 || type > 7)
 		return usage();
-	uint8_t f[64] = {0x03, 0x4b, 0xa1, 0x01, (uint8_t)ring, group[type]};
-	memcpy(f + 6, test_source, 6);
-	int off = put_tag(f, vid);
-	const uint8_t head[] = {0, (uint8_t)(10 + payload_len[type]), 0xaa, 0xaa, 0x03, 0x02, 0x4b, 0xa1,
-				0x01, 0x00, 0x20, (uint8_t)ring, (uint8_t)type, payload_len[type]};
-	memcpy(f + off, head, sizeof head);
-	return send_frames(ifname, f, vid ? 64 : 60, count, 0);
+	for (int t = type ? type : 1; t <= (type ? type : 7); t++) {
+		uint8_t f[64] = {0x03, 0x4b, 0xa1, 0x01, (uint8_t)ring, group[t]};
+		memcpy(f + 6, test_source, 6);
+		int off = put_tag(f, vid);
+		const uint8_t head[] = {0, (uint8_t)(10 + payload_len[t]), 0xaa, 0xaa, 0x03, 0x02, 0x4b, 0xa1,
+					0x01, 0x00, 0x20, (uint8_t)ring, (uint8_t)t, payload_len[t]};
+		memcpy(f + off, head, sizeof head);
+		if (send_frames(ifname, f, vid ? 64 : 60, count, 0))
+			return 2;
+	}
+	return 0;
 }
 
 // Counts received frames to DST for MS milliseconds; the kernel hands the

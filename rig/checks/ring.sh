@@ -206,9 +206,7 @@ done
 hold s1 ra
 sleep 0.5
 for vid in 0 10 4021 4022; do
-	for type in 1 2 3 4 5 6 7; do
-		ip netns exec s2 "$RIGCTL" frame hx 3 $type $vid 1
-	done
+	ip netns exec s2 "$RIGCTL" frame hx 3 0 $vid 1
 done
 sleep 2
 kill -TERM $MONs1 $MONs2 $MONs3
