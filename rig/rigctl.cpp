@@ -14,6 +14,7 @@
 //   rigctl port-watch MS MSTI [NS/]IFNAME... port and MSTI states across namespaces
 //   rigctl vlan-global BRIDGE                "vid V msti M mcast_snooping S mcast_querier Q"
 //   rigctl send IFNAME DST VID COUNT [GAP]   tagged frames (VID 0: untagged), GAP ms apart
+//   rigctl frame IFNAME RING TYPE VID COUNT  protocol frames of TYPE (0: all), tagged VID (0: untagged)
 //   rigctl count IFNAME DST MS               frames to DST seen in MS ms (or until
 //                                            SIGTERM), with their VIDs
 //   rigctl syslog FILE                       serve /dev/log into FILE
@@ -67,6 +68,8 @@ int parse_state(const char *text)
 	long v = strtol(text, &end, 0);
 	return (*end || v < 0 || v > 4) ? -1 : (int)v;
 }
+
+int usage();
 
 int die(const char *what)
 {
@@ -545,27 +548,23 @@ int packet_socket(const char *ifname, int &idx)
 	return fd;
 }
 
-// 64-byte frames with an LLC/SNAP payload, 802.1Q-tagged with priority 7
-// like the protocol's own frames, from a locally administered source.
-int cmd_send(const char *ifname, const char *dst, int vid, int count, long gap_ms)
+const uint8_t test_source[6] = {0x02, 0x52, 0x49, 0x47, 0x00, 0x01};
+
+// The 802.1Q tag with priority 7, as the protocol's own frames carry it;
+// VID 0 writes none. Returns the offset after it.
+int put_tag(uint8_t *f, int vid)
 {
-	uint8_t f[64] = {};
-	if (!parse_mac(dst, f))
-		return 2;
-	const uint8_t src[6] = {0x02, 0x52, 0x49, 0x47, 0x00, 0x01};
-	memcpy(f + 6, src, 6);
-	int off = 12;
-	if (vid) {
-		f[off++] = 0x81;
-		f[off++] = 0x00;
-		f[off++] = (uint8_t)(0xe0 | ((vid >> 8) & 0x0f));
-		f[off++] = (uint8_t)vid;
-	}
-	f[off++] = 0;
-	f[off++] = 46;
-	f[off++] = 0xaa;
-	f[off++] = 0xaa;
-	f[off++] = 0x03;
+	if (!vid)
+		return 12;
+	f[12] = 0x81;
+	f[13] = 0x00;
+	f[14] = (uint8_t)(0xe0 | ((vid >> 8) & 0x0f));
+	f[15] = (uint8_t)vid;
+	return 16;
+}
+
+int send_frames(const char *ifname, const uint8_t *f, size_t len, int count, long gap_ms)
+{
 	int idx;
 	int fd = packet_socket(ifname, idx);
 	if (fd < 0)
@@ -573,10 +572,50 @@ int cmd_send(const char *ifname, const char *dst, int vid, int count, long gap_m
 	for (int i = 0; i < count; i++) {
 		if (i && gap_ms)
 			usleep((useconds_t)gap_ms * 1000);
-		if (send(fd, f, sizeof f, 0) != (ssize_t)sizeof f)
+		if (send(fd, f, len, 0) != (ssize_t)len)
 			return die("send");
 	}
 	close(fd);
+	return 0;
+}
+
+// 64-byte frames with an LLC/SNAP payload, 802.1Q-tagged with priority 7
+// like the protocol's own frames, from a locally administered source.
+int cmd_send(const char *ifname, const char *dst, int vid, int count, long gap_ms)
+{
+	uint8_t f[64] = {};
+	if (!parse_mac(dst, f))
+		return 2;
+	memcpy(f + 6, test_source, 6);
+	int off = put_tag(f, vid);
+	f[off++] = 0;
+	f[off++] = 46;
+	f[off++] = 0xaa;
+	f[off++] = 0xaa;
+	f[off++] = 0x03;
+	return send_frames(ifname, f, sizeof f, count, gap_ms);
+}
+
+// Protocol frames of TYPE (1 Hello to 7 Trig; 0: each of them in turn)
+// of ring RING as the daemons send them, but with the tag VID (0: none)
+// and every field after the type zero: with no base MAC in the rig every
+// switch's id is zero, so a zero id names each of them.
+int cmd_frame(const char *ifname, int ring, int type, int vid, int count)
+{
+	static const uint8_t payload_len[] = {0, 14, 26, 26, 28, 28, 12, 12};
+	static const uint8_t group[] = {0, 1, 2, 2, 2, 4, 3, 2};
+	if (type < 0 || type > 7)
+		return usage();
+	for (int t = type ? type : 1; t <= (type ? type : 7); t++) {
+		uint8_t f[64] = {0x03, 0x4b, 0xa1, 0x01, (uint8_t)ring, group[t]};
+		memcpy(f + 6, test_source, 6);
+		int off = put_tag(f, vid);
+		const uint8_t head[] = {0, (uint8_t)(10 + payload_len[t]), 0xaa, 0xaa, 0x03, 0x02, 0x4b, 0xa1,
+					0x01, 0x00, 0x20, (uint8_t)ring, (uint8_t)t, payload_len[t]};
+		memcpy(f + off, head, sizeof head);
+		if (send_frames(ifname, f, vid ? 64 : 60, count, 0))
+			return 2;
+	}
 	return 0;
 }
 
@@ -664,7 +703,7 @@ int usage()
 {
 	fprintf(stderr, "usage: rigctl mst-enable BR | mst-show [IF...] | mst-set IF MSTI STATE |\n"
 			"       mst-watch MS MSTI IF... | port-watch MS MSTI [NS/]IF... | vlan-global BR |\n"
-			"       send IF DST VID COUNT [GAP_MS] |\n"
+			"       send IF DST VID COUNT [GAP_MS] | frame IF RING TYPE VID COUNT |\n"
 			"       count IF DST MS | syslog FILE\n");
 	return 2;
 }
@@ -690,6 +729,8 @@ int main(int argc, char **argv)
 		return cmd_port_watch(atol(argv[2]), (unsigned)atoi(argv[3]), argc - 4, argv + 4);
 	if (c == "send" && (argc == 6 || argc == 7))
 		return cmd_send(argv[2], argv[3], atoi(argv[4]), atoi(argv[5]), argc == 7 ? atol(argv[6]) : 0);
+	if (c == "frame" && argc == 7)
+		return cmd_frame(argv[2], atoi(argv[3]), atoi(argv[4]), atoi(argv[5]), atoi(argv[6]));
 	if (c == "count" && argc == 5)
 		return cmd_count(argv[2], argv[3], atol(argv[4]));
 	if (c == "syslog" && argc == 3)

@@ -39,10 +39,13 @@
 #include <cstring>
 #include <dirent.h>
 #include <getopt.h>
+#include <linux/if_bridge.h>
+#include <linux/rtnetlink.h>
 #include <map>
 #include <net/if.h>
 #include <optional>
 #include <string>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -526,6 +529,105 @@ struct Checker {
 	}
 };
 
+// The protocol VLANs: the rings' frames travel in them, unauthenticated.
+constexpr uint16_t PROTOCOL_VLANS[] = {4021, 4022};
+
+// (port name, VLAN) for every port of br0 that is a member of a protocol
+// VLAN, read from the kernel's bridge dump (ranges compressed). Nothing
+// when there is no br0, no VLAN filtering or no answer: a host without
+// them has nothing to warn about. Read over rtnetlink rather than from
+// `bridge -j vlan show`: no JSON to parse and no other program's output
+// format to follow.
+std::vector<std::pair<std::string, uint16_t>> protocol_vlan_ports()
+{
+	std::vector<std::pair<std::string, uint16_t>> found;
+	unsigned br = if_nametoindex("br0");
+	int fd = br ? socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE) : -1;
+	if (fd < 0)
+		return found;
+	struct {
+		nlmsghdr n;
+		ifinfomsg i;
+		char attr[RTA_SPACE(sizeof(uint32_t))];
+	} req{};
+	req.n.nlmsg_len = sizeof(req);
+	req.n.nlmsg_type = RTM_GETLINK;
+	req.n.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+	req.i.ifi_family = AF_BRIDGE;
+	auto *mask = (rtattr *)req.attr;
+	mask->rta_type = IFLA_EXT_MASK;
+	mask->rta_len = RTA_LENGTH(sizeof(uint32_t));
+	*(uint32_t *)RTA_DATA(mask) = RTEXT_FILTER_BRVLAN_COMPRESSED;
+	if (send(fd, &req, sizeof(req), 0) < 0) {
+		close(fd);
+		return found;
+	}
+	static char buf[1 << 16];
+	for (bool done = false; !done;) {
+		ssize_t len = recv(fd, buf, sizeof(buf), 0);
+		if (len <= 0)
+			break;
+		for (auto *h = (nlmsghdr *)buf; NLMSG_OK(h, (size_t)len); h = NLMSG_NEXT(h, len)) {
+			if (h->nlmsg_type == NLMSG_DONE || h->nlmsg_type == NLMSG_ERROR) {
+				done = true;
+				break;
+			}
+			auto *ifi = (ifinfomsg *)NLMSG_DATA(h);
+			unsigned master = 0;
+			const char *name = nullptr;
+			rtattr *spec = nullptr;
+			int alen = (int)IFLA_PAYLOAD(h);
+			for (auto *a = IFLA_RTA(ifi); RTA_OK(a, alen); a = RTA_NEXT(a, alen)) {
+				if (a->rta_type == IFLA_MASTER)
+					master = *(uint32_t *)RTA_DATA(a);
+				else if (a->rta_type == IFLA_IFNAME)
+					name = (const char *)RTA_DATA(a);
+				else if ((a->rta_type & NLA_TYPE_MASK) == IFLA_AF_SPEC)
+					spec = a;
+			}
+			if (master != br || (unsigned)ifi->ifi_index == br || !name || !spec)
+				continue;
+			uint16_t begin = 0;
+			int vlen = (int)RTA_PAYLOAD(spec);
+			for (auto *v = (rtattr *)RTA_DATA(spec); RTA_OK(v, vlen); v = RTA_NEXT(v, vlen)) {
+				if (v->rta_type != IFLA_BRIDGE_VLAN_INFO || RTA_PAYLOAD(v) < sizeof(bridge_vlan_info))
+					continue;
+				auto *info = (bridge_vlan_info *)RTA_DATA(v);
+				if (info->flags & BRIDGE_VLAN_INFO_RANGE_BEGIN) {
+					begin = info->vid;
+					continue;
+				}
+				uint16_t first = info->flags & BRIDGE_VLAN_INFO_RANGE_END ? begin : info->vid;
+				for (uint16_t vid : PROTOCOL_VLANS)
+					if (first <= vid && vid <= info->vid)
+						found.emplace_back(name, vid);
+			}
+		}
+	}
+	close(fd);
+	return found;
+}
+
+// A port of br0 in a protocol VLAN that is no ring port lets whoever is
+// behind it speak for the rings: their frames carry no authentication.
+void check_access_ports(Checker &ck, cfg_t *cfg)
+{
+	std::vector<std::string> ring_ports;
+	for (unsigned c = 0; c < cfg_size(cfg, "zalk"); c++) {
+		cfg_t *sec = cfg_getnsec(cfg, "zalk", c);
+		for (unsigned p = 0; p < cfg_size(sec, "port"); p++)
+			ring_ports.push_back(cfg_getstr(cfg_getnsec(sec, "port", p), "name"));
+	}
+	for (auto &[port, vid] : protocol_vlan_ports()) {
+		if (std::find(ring_ports.begin(), ring_ports.end(), port) != ring_ports.end())
+			continue;
+		printf("warning: br0: port %s is a member of VLAN %u and no ring port: whoever is behind it can send "
+		       "frames the rings take for their own\n",
+		       port.c_str(), vid);
+		ck.warnings++;
+	}
+}
+
 // The time a focal point with the default response-delay (1500 ms, in
 // 50 ms ticks) takes to answer a returning link.
 constexpr long DEFAULT_RESPONSE_MS = 1500;
@@ -644,6 +746,7 @@ int cmd_check(int argc, char **argv)
 	std::vector<long> ids;
 	for (unsigned c = 0; c < cfg_size(cfg, "zalk"); c++)
 		check_ring(ck, cfg, c, ids);
+	check_access_ports(ck, cfg);
 	cfg_free(cfg);
 	if (ck.errors)
 		return FAILED;

@@ -186,6 +186,36 @@ wait_for 120 closed
 same "closes with exactly one blocked port, the focal point's port A" "s1.ra " "$(blocked)"
 say "ring closed $(($(date +%s) - t)) s after the daemons started"
 
+# A host on an access port of a data VLAN (s2.ha: VLAN 10, untagged)
+# sends protocol frames of every type: untagged, tagged with its own VLAN,
+# and tagged 4021 and 4022, which s2's bridge must refuse at that port.
+# The ring does not move: no request reaches any ring port (each port
+# state set and each FDB flush is announced for its port), s1.ra stays
+# the one blocked port. Meanwhile s1.ra drops whatever arrives (its
+# daemon's packet socket still sees every frame), so that a daemon fooled
+# into opening it makes no loop: a loop would flood the guest.
+ip -n s2 link add ha type veth peer name hx
+ip -n s2 link set ha master br0
+ip -n s2 link set ha up
+ip -n s2 link set hx up
+bridge -n s2 vlan add dev ha vid 10 pvid untagged
+for s in s1 s2 s3; do
+	in_sw $s bridge monitor link > /tmp/announced-$s &
+	eval MON$s=$!
+done
+hold s1 ra
+sleep 0.5
+for vid in 0 10 4021 4022; do
+	ip netns exec s2 "$RIGCTL" frame hx 3 0 $vid 1
+done
+sleep 2
+kill -TERM $MONs1 $MONs2 $MONs3
+wait $MONs1 $MONs2 $MONs3 2>/dev/null
+same "access-port frames of every type: no port state set or FDB flush on any ring port (announcements)" 0 \
+	"$(cat /tmp/announced-s1 /tmp/announced-s2 /tmp/announced-s3 | grep -cE '^[0-9]+: r[ab][@:]')"
+same "access-port frames of every type: still one blocked port, s1.ra" "s1.ra " "$(blocked)"
+release s1 ra
+
 # The management VLAN passes the blocked port (MSTI 4021 forwarding); the
 # observer ports join VLAN 4021 now that the daemons have made its MSTI.
 bridge vlan add dev hs vid 4021
@@ -198,6 +228,10 @@ for v in 10 4021; do
 	bridge -n s2 fdb add $D2 dev hs master static vlan $v
 	bridge -n s3 fdb add $D1 dev ra master static vlan $v
 done
+# s1.hs is in VLAN 4021 now and no ring port: zalkctl check says so.
+same "zalkctl check: a port of br0 in VLAN 4021 that is no ring port is warned of" \
+	"warning: br0: port hs is a member of VLAN 4021 and no ring port: whoever is behind it can send frames the rings take for their own" \
+	"$("$ZALKCTL" check /etc/rig-s1.conf | grep '^warning: br0')"
 same "s1.ra: blocking as a port, forwarding in MSTI 4021" "blocking 4021 FORWARDING" \
 	"$(port_state ra) $("$RIGCTL" mst-show ra | awk '$2 == 4021 { print $2, $3 }')"
 same "VLAN 4021 passes the blocked port" "3 4021 4021 4021" "$(observe 4021 3)"
