@@ -36,7 +36,7 @@ namespace zsim {
 World *world;
 
 namespace {
-enum Type { T_TIMER, T_RX, T_ARRIVE, T_BRIDGE, T_CARRIER, T_FAULT, T_START, T_SIGNAL, T_SAMPLE, T_CONVERGE, T_END };
+enum Type { T_TIMER, T_RX, T_WAKE, T_ARRIVE, T_BRIDGE, T_CARRIER, T_FAULT, T_START, T_SIGNAL, T_SAMPLE, T_CONVERGE, T_END };
 struct ev_loop *const LOOP = ev_default_loop(0);
 constexpr Time SAMPLE = 100 * US; // the lab's probe: 10,000 frames/s
 constexpr uint8_t FWD = PORT_FORWARDING;
@@ -115,7 +115,24 @@ World::World(const std::string &topo, const Settings &s, uint64_t seed) : cfg(s)
 	char tmpl2[] = "/tmp/zsim-XXXXXX";
 	char *d = mkdtemp(tmpl);
 	dir = d ? d : mkdtemp(tmpl2);
-	image_save(pristine);
+	// Slots beyond the rings a switch runs stay unused outside
+	// reconfigurations: they need no copy at every swap.
+	static bool cold_set;
+	if (!cold_set) {
+		size_t most = 1;
+		for (auto &x : sw)
+			most = std::max(most, x.rings.size());
+		image_add_cold(&instances[most], sizeof(instances[0]) * (ZALK_MAX_INSTANCES - most));
+		cold_set = true;
+	}
+	checking = getenv("ZSIM_CHECK") != nullptr;
+	// The globals as the process starts, taken before any daemon ran.
+	static std::vector<uint8_t> initial;
+	if (initial.empty()) {
+		image_save(initial);
+		image_save_cold(initial);
+	}
+	pristine = initial;
 	fdb.assign(sw.size(), std::vector<int>(sw.size(), -1));
 	for (size_t i = 0; i < sw.size(); i++) {
 		Switch &x = sw[i];
@@ -127,6 +144,8 @@ World::World(const std::string &topo, const Settings &s, uint64_t seed) : cfg(s)
 		std::ofstream(x.root + "/var/run/system/0/mac-base") << mac;
 		fdb[i][i] = -2;
 		write_conf((int)i);
+		waiting.emplace_back();
+		wake_pending.push_back(0);
 	}
 }
 
@@ -134,7 +153,10 @@ World::~World()
 {
 	for (size_t i = 0; i < sw.size(); i++)
 		for (int fd : sw[i].real_fds)
-			close(fd);
+			if (fd >= (1 << 24))
+				channel_close(fd);
+			else
+				close(fd);
 	std::error_code ec;
 	if (!dir.empty())
 		std::filesystem::remove_all(dir, ec);
@@ -269,7 +291,10 @@ void World::start_daemon(int s)
 	x.alive = true;
 	x.busy_until = std::max(x.busy_until, now);
 	out_at = now + cfg.send_latency * US;
+	image_load_cold(x.image);
 	init_all();
+	image_save_cold(x.image);
+	cold_owner = s;
 	x.busy_until = now + cfg.event_cost * US;
 	after_callback(s);
 }
@@ -284,11 +309,17 @@ void World::stop_daemon(int s)
 	swap_to(s);
 	out_at = now + cfg.send_latency * US;
 	auto t = x.sigs.find(SIGTERM);
+	image_load_cold(x.image);
 	if (t != x.sigs.end())
 		t->second->cb(LOOP, t->second, EV_SIGNAL);
 	x.alive = false;
+	cold_owner = -1;
+	waiting[s].clear();
 	for (int fd : x.real_fds)
-		close(fd);
+		if (channel_bytes(fd) || fd >= (1 << 24))
+			channel_close(fd);
+		else
+			close(fd);
 	x.real_fds.clear();
 	// Status files it kept open.
 	if (DIR *d = opendir("/proc/self/fd")) {
@@ -317,8 +348,7 @@ void World::after_callback(int s)
 {
 	Switch &x = sw[s];
 	for (;;) {
-		int avail = 0;
-		if (sm_watcher.active && ioctl(sm_watcher.fd, FIONREAD, &avail) == 0 && avail >= (int)sizeof(sm_event)) {
+		if (sm_watcher.active && channel_bytes(sm_watcher.fd) >= sizeof(sm_event)) {
 			now = x.busy_until;
 			out_at = now + cfg.send_latency * US;
 			sm_cb(LOOP, &sm_watcher, EV_READ);
@@ -729,39 +759,85 @@ Time World::bound() const
 	return b;
 }
 
-void World::converged_check()
+// One round of closing: the focal point answers the two latest returning
+// edges after its response delay; the members' Link Up tick is 200 ms.
+Time World::round() const
 {
-	for (auto &l : links)
-		if (!l.passes() || (l.loss > 0 && l.loss_until > now))
-			return; // faults remain: nothing to require
-	for (auto &x : sw)
-		if (!x.alive)
-			return;
-	std::string why;
-	for (auto &r : rings) {
+	long rd = cfg.response_delay;
+	for (auto &x : sw) {
+		auto i = x.overrides.find("response-delay");
+		if (i != x.overrides.end())
+			rd = std::max(rd, strtol(i->second.c_str(), nullptr, 10));
+	}
+	return rd * MS + 400 * MS + (Time)(2 * sw.size()) * (cfg.event_cost + cfg.link_delay) * US;
+}
+
+// Whether each ring is closed with its one blocked port (a bus with none)
+// and every host reaches every other; false with the reason and the count
+// of ports still blocked when not.
+bool World::closed(std::string &why, int &blocked_total)
+{
+	blocked_total = 0;
+	for (size_t r = 0; r < rings.size(); r++) {
+		const Ring &ring = rings[r];
+		int focal = ring.sw[ring.bus || r == 0 ? 0 : 1];
 		std::vector<std::string> blocked;
-		for (int l : r.links)
+		bool at_focal = false;
+		for (int l : ring.links)
 			for (int p : {links[l].a, links[l].b})
-				if (ports[p].state != FWD)
-					blocked.push_back("s" + std::to_string(ports[p].sw + 1) + "." +
-							  sw[ports[p].sw].ifaces[ports[p].ifindex - 11].name);
-		size_t want = r.bus ? 0 : 1;
-		if (blocked.size() != want) {
-			why += (why.empty() ? "" : "; ") + std::string("ring ") + std::to_string(r.id) + ": " +
+				if (ports[p].state != FWD) {
+					const std::string &name = sw[ports[p].sw].ifaces[ports[p].ifindex - 11].name;
+					blocked.push_back("s" + std::to_string(ports[p].sw + 1) + "." + name);
+					// blocked-port "auto": the focal point's port A
+					at_focal |= ports[p].sw == focal && name.back() == (ring.bus ? 'b' : 'a');
+				}
+		blocked_total += (int)blocked.size();
+		if (blocked.size() != 1 || !at_focal) {
+			why += (why.empty() ? "" : "; ") + std::string("ring ") + std::to_string(ring.id) + ": " +
 			       std::to_string(blocked.size()) + " blocked ports";
 			for (auto &b : blocked)
 				why += " " + b;
+			if (blocked.size() == 1)
+				why += ", not the focal point's";
 		}
 	}
-	if (!sample(false))
+	bool bus = std::any_of(rings.begin(), rings.end(), [](const Ring &r) { return r.bus; });
+	if (!sample(false) && !bus)
 		why += std::string(why.empty() ? "" : "; ") + "not every host reaches every other";
-	if (!why.empty())
-		violation(Kind::no_convergence, why + " " + secs(bound()) + " s after the last fault");
+	return why.empty();
+}
+
+// Once faults stopped and every link is up, the ring must close within
+// the bound; while it is still closing edge after edge (fewer ports
+// blocked than at the last look) it gets another round.
+bool World::converged_check(uint64_t gen)
+{
+	for (auto &l : links)
+		if (!l.passes() || (l.loss > 0 && l.loss_until > now))
+			return false; // faults remain: nothing to require
+	for (auto &x : sw)
+		if (!x.alive)
+			return false;
+	std::string why;
+	int blocked;
+	if (closed(why, blocked))
+		return false;
+	if (blocked < last_blocked || (blocked == last_blocked && ++stalls < 2)) {
+		if (blocked < last_blocked)
+			stalls = 0;
+		last_blocked = blocked;
+		push(Item{now + round(), 0, T_CONVERGE, -1, 0, gen, nullptr, {}});
+		return true;
+	}
+	violation(Kind::no_convergence, why + ", " + secs(now - last_fault) + " s after the last fault");
+	return false;
 }
 
 void World::fault(const Action &a)
 {
 	last_fault = now;
+	last_blocked = 1 << 30;
+	stalls = 0;
 	trace("fault: %s", a.text().c_str());
 	push(Item{now + bound(), 0, T_CONVERGE, -1, 0, (uint64_t)++faults, nullptr, {}});
 	if (a.op == "restart" || a.op == "reload") {
@@ -820,64 +896,103 @@ void World::fault(const Action &a)
 	}
 }
 
+// A daemon's callback, at it.t; false when it had nothing to do (a timer
+// stopped since, a descriptor already read).
+bool World::work(const Item &it)
+{
+	Switch &x = sw[it.s];
+	swap_to(it.s);
+	if (it.type == T_TIMER) {
+		auto *w = (ev_timer *)it.w;
+		if (!w->active || (uint64_t)w->pending != it.gen)
+			return false;
+	}
+	if (it.type == T_RX) {
+		auto f = x.fds.find(it.a);
+		if (f == x.fds.end() || f->second.q.empty())
+			return false;
+	}
+	now = it.t;
+	out_at = now + cfg.rx_cost * US;
+	x.busy_until = now + cfg.rx_cost * US;
+	if (it.type == T_TIMER) {
+		auto *w = (ev_timer *)it.w;
+		if (w->repeat > 0) {
+			Time due = std::max((Time)llround(w->at * 1e9) + (Time)llround(w->repeat * 1e9), now);
+			w->at = (double)due / 1e9;
+			push(Item{due, 0, T_TIMER, it.s, 0, (uint64_t)w->pending, w, {}});
+		} else {
+			w->active = 0;
+			w->at -= (double)now / 1e9; // stopped: relative again
+		}
+		w->cb(LOOP, w, EV_TIMER);
+	} else if (it.type == T_RX) {
+		ev_io *w = nullptr;
+		for (ev_io *i : x.ios)
+			if (i->active && i->fd == it.a)
+				w = i;
+		if (!w) {
+			x.fds[it.a].stranded = true; // read once the watcher runs again
+			return false;
+		}
+		w->cb(LOOP, w, EV_READ);
+	} else {
+		out_at = now + cfg.send_latency * US;
+		x.busy_until = now + cfg.event_cost * US;
+		auto s = x.sigs.find(it.a);
+		image_load_cold(x.image);
+		if (s != x.sigs.end())
+			s->second->cb(LOOP, s->second, EV_SIGNAL);
+		image_save_cold(x.image);
+		cold_owner = it.s;
+	}
+	res.events++;
+	after_callback(it.s);
+	if (checking && it.type != T_SIGNAL && cold_owner >= 0 && !image_cold_same(sw[cold_owner].image)) {
+		fprintf(stderr, "zsim: cold part of the globals changed by s%d outside a reconfiguration\n", x.id);
+		abort();
+	}
+	return true;
+}
+
 void World::dispatch(const Item &it)
 {
 	switch (it.type) {
 	case T_TIMER:
 	case T_RX:
 	case T_SIGNAL: {
-		Switch &x = sw[it.s];
-		if (!x.alive)
+		// One processor per switch: work that comes while it is busy
+		// waits its turn, in order.
+		if (!sw[it.s].alive)
 			return;
-		if (it.t < x.busy_until) {
-			Item again = it;
-			again.t = x.busy_until;
-			push(again);
+		auto &q = waiting[it.s];
+		if (it.t < sw[it.s].busy_until || !q.empty()) {
+			q.push_back(it);
+			if (!wake_pending[it.s]) {
+				wake_pending[it.s] = 1;
+				push(Item{std::max(it.t, sw[it.s].busy_until), 0, T_WAKE, it.s, 0, 0, nullptr, {}});
+			}
 			return;
 		}
-		swap_to(it.s);
-		if (it.type == T_TIMER) {
-			auto *w = (ev_timer *)it.w;
-			if (!w->active || (uint64_t)w->pending != it.gen)
-				return;
+		work(it);
+		return;
+	}
+	case T_WAKE: {
+		wake_pending[it.s] = 0;
+		auto &q = waiting[it.s];
+		while (!q.empty() && sw[it.s].alive) {
+			Item w = std::move(q.front());
+			q.pop_front();
+			w.t = it.t;
+			if (work(w))
+				break;
 		}
-		if (it.type == T_RX) {
-			auto f = x.fds.find(it.a);
-			if (f == x.fds.end() || f->second.q.empty())
-				return;
+		if (!sw[it.s].alive)
+			q.clear();
+		if (!q.empty()) {
+			wake_pending[it.s] = 1;
+			push(Item{sw[it.s].busy_until, 0, T_WAKE, it.s, 0, 0, nullptr, {}});
 		}
-		now = it.t;
-		out_at = now + cfg.rx_cost * US;
-		x.busy_until = now + cfg.rx_cost * US;
-		if (it.type == T_TIMER) {
-			auto *w = (ev_timer *)it.w;
-			if (w->repeat > 0) {
-				Time due = std::max(it.t + (Time)llround(w->repeat * 1e9), now);
-				w->at = (double)due / 1e9;
-				push(Item{due, 0, T_TIMER, it.s, 0, (uint64_t)w->pending, w, {}});
-			} else {
-				w->active = 0;
-			}
-			w->cb(LOOP, w, EV_TIMER);
-		} else if (it.type == T_RX) {
-			ev_io *w = nullptr;
-			for (ev_io *i : x.ios)
-				if (i->active && i->fd == it.a)
-					w = i;
-			if (!w) {
-				x.fds[it.a].stranded = true; // read once the watcher runs again
-				return;
-			}
-			w->cb(LOOP, w, EV_READ);
-		} else {
-			out_at = now + cfg.send_latency * US;
-			x.busy_until = now + cfg.event_cost * US;
-			auto s = x.sigs.find(it.a);
-			if (s != x.sigs.end())
-				s->second->cb(LOOP, s->second, EV_SIGNAL);
-		}
-		res.events++;
-		after_callback(it.s);
 		return;
 	}
 	case T_ARRIVE:
@@ -905,8 +1020,9 @@ void World::dispatch(const Item &it)
 		}
 		return;
 	case T_CONVERGE:
-		if ((long)it.gen == faults)
-			converged_check();
+		// Without an end action the run ends once the last check is done.
+		if ((long)it.gen == faults && !converged_check(it.gen) && open_end && actions_left == 0)
+			push(Item{now, 0, T_END, -1, 0, 0, nullptr, {}});
 		return;
 	default:
 		return;
@@ -918,6 +1034,7 @@ void World::run(std::vector<Action> actions)
 	auto wall0 = std::chrono::steady_clock::now();
 	std::stable_sort(actions.begin(), actions.end(), [](const Action &a, const Action &b) { return a.t < b.t; });
 	Time end = -1, last = 0;
+	actions_left = 0;
 	for (size_t i = 0; i < actions.size(); i++) {
 		if (actions[i].op == "end") {
 			end = actions[i].t;
@@ -925,30 +1042,32 @@ void World::run(std::vector<Action> actions)
 		}
 		last = std::max(last, actions[i].t + (actions[i].op == "flap" ? actions[i].duration : 0));
 		push(Item{actions[i].t, 0, T_FAULT, -1, (int)i, 0, nullptr, {}});
+		actions_left++;
 	}
-	if (end < 0)
-		end = last + bound() + 100 * MS;
-	start_all = 0;
+	open_end = end < 0;
 	for (size_t s = 0; s < sw.size(); s++)
 		push(Item{0, 0, T_START, (int)s, 0, 0, nullptr, {}});
 	push(Item{bound(), 0, T_CONVERGE, -1, 0, 0, nullptr, {}});
-	push(Item{end, 0, T_END, -1, 0, 0, nullptr, {}});
+	if (!open_end)
+		push(Item{end, 0, T_END, -1, 0, 0, nullptr, {}});
 	while (!heap.empty()) {
 		std::pop_heap(heap.begin(), heap.end(), std::greater<Item>());
 		Item it = std::move(heap.back());
 		heap.pop_back();
-		if (it.type != T_TIMER && it.type != T_RX && it.type != T_SIGNAL)
+		if (it.type != T_TIMER && it.type != T_RX && it.type != T_SIGNAL && it.type != T_WAKE)
 			now = it.t;
 		if (it.type == T_END)
 			break;
 		if (it.type == T_FAULT) {
 			const Action &a = it.a >= 1000000 ? extra[it.a - 1000000] : actions[it.a];
+			actions_left -= it.a < 1000000;
 			fault(a);
 			continue;
 		}
 		dispatch(it);
 	}
-	now = end;
+	if (!open_end)
+		now = end;
 	end_restore();
 	res.wall_s = std::chrono::duration<double>(std::chrono::steady_clock::now() - wall0).count();
 }

@@ -140,7 +140,8 @@ public:
 	Time out_at = 0; // when what the running record sends takes effect
 	Result res;
 	std::mt19937_64 rng;
-	bool quiet = false, tracing = false;
+	bool quiet = false, tracing = false, checking = false;
+	int cold_owner = -1; // whose reconfiguration-only globals are in place
 	void trace(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 
 	World(const std::string &topo, const Settings &s, uint64_t seed);
@@ -148,6 +149,7 @@ public:
 	bool ok() const { return !sw.empty(); }
 	void run(std::vector<Action> actions);
 	Time bound() const; // convergence bound after the last fault
+	Time round() const; // one more edge pair closed
 
 	// The OS boundary's side.
 	void swap_to(int s);
@@ -177,7 +179,9 @@ private:
 	std::vector<Action> extra; // heals that end flaps
 	bool sample_pending = false, looping = false;
 	long faults = 0;
-	Time last_fault = 0, start_all = 0;
+	Time last_fault = 0;
+	bool open_end = false;
+	long actions_left = 0;
 	// Measurements in progress.
 	Time failover_from = -1, restore_from = -1;
 	std::vector<Time> broken_since; // per host pair during a restore window; -2 not counted
@@ -193,6 +197,9 @@ private:
 	void stop_daemon(int s);
 	void after_callback(int s);
 	void dispatch(const Item &it);
+	bool work(const Item &it);
+	std::vector<std::deque<Item>> waiting; // per switch, while it is busy
+	std::vector<char> wake_pending;
 	void carrier(int link, bool up, Time t);
 	void deliver(int port, std::vector<uint8_t> frame, Time t);
 	void forward(int s, int in_port, const std::vector<uint8_t> &frame, Time t);
@@ -201,12 +208,17 @@ private:
 	void check_loop();
 	bool sample(bool learn);
 	void fault(const Action &a);
-	void converged_check();
+	bool converged_check(uint64_t gen); // true: another round given
+	bool closed(std::string &why, int &blocked);
+	int last_blocked = 1 << 30, stalls = 0;
 	void violation(Kind k, const std::string &detail);
 };
 
 std::vector<Action> random_actions(World &w, uint64_t seed, int ops);
 bool parse_schedule(const std::string &text, const World &w, std::vector<Action> &out, std::string &err);
 const char *kind_name(Kind k);
+// The in-memory event channel (os_sim.cpp).
+size_t channel_bytes(int fd);
+void channel_close(int fd);
 
 } // namespace zsim
