@@ -18,7 +18,7 @@ namespace {
 
 const char USAGE[] =
 	"usage: zsim [--topology ring:N|bus:N|tworings:N,M] [--set KEY=VALUE]... [--seed S]\n"
-	"            [--ops K | --schedule FILE] [--json FILE] [--replay FILE] [--quiet]\n"
+	"            [--ops K | --schedule FILE] [--json FILE] [--replay FILE] [--shrink N] [--quiet]\n"
 	"\n"
 	"Runs the daemon's ring code on every switch of a simulated ring in virtual\n"
 	"time. Switch 1 is the focal point; link Lk joins port B of switch k to port A\n"
@@ -37,6 +37,7 @@ const char USAGE[] =
 	"  --json FILE      violations, failover_ms, restore_ms, events, wall_s\n"
 	"  --replay FILE    where a violation's shrunk schedule goes\n"
 	"                   (default zsim-replay-SEED.txt)\n"
+	"  --shrink N       at most N runs to shrink it (default 200)\n"
 	"\n"
 	"Checked after every event: no loop (links forwarding the data VLAN at both\n"
 	"ends closing a cycle), no duplicate to a host; and, a bound after the last\n"
@@ -45,6 +46,7 @@ const char USAGE[] =
 	"The last line printed is \"violations: N\".\n";
 
 constexpr double FLAP_S = 0.03;
+int shrink_budget = 200;
 
 int usage_error(const char *why)
 {
@@ -120,7 +122,7 @@ std::vector<Action> shrink(const Run &r, std::vector<Action> acts, const Violati
 	};
 	if (!shows(keep))
 		keep = acts;
-	int budget = 200;
+	int budget = shrink_budget;
 	for (size_t chunk = std::max<size_t>(keep.size() / 2, 1); chunk >= 1 && budget > 0; chunk /= 2) {
 		for (size_t i = 0; i < keep.size() && budget > 0;) {
 			std::vector<Action> c(keep.begin(), keep.begin() + i);
@@ -308,6 +310,8 @@ int main(int argc, char **argv)
 			json = v;
 		} else if (a == "--replay") {
 			replay = v;
+		} else if (a == "--shrink") {
+			shrink_budget = atoi(v);
 		} else {
 			return usage_error(("unknown option " + a).c_str());
 		}

@@ -691,8 +691,11 @@ bool World::sample(bool learn)
 	// Measurements.
 	Time t = now;
 	if (failover_from >= 0 && all) {
-		res.failover_ms.push_back((double)(t - failover_from) / MS);
+		// No sample saw a break: the fault cost no connectivity.
+		res.failover_ms.push_back(failover_broke ? (double)(t - failover_from) / MS : 0.0);
 		failover_from = -1;
+	} else if (failover_from >= 0) {
+		failover_broke = true;
 	}
 	if (restore_from >= 0)
 		for (size_t i = 0; i < n * n; i++) {
@@ -866,8 +869,10 @@ void World::fault(const Action &a)
 				push(Item{now + cfg.carrier_delay * US, 0, T_CARRIER, -1, a.target, 0, nullptr, {}});
 		}
 		changed();
-		if (was_whole && a.op != "flap")
+		if (was_whole && a.op != "flap") {
 			failover_from = now;
+			failover_broke = false;
+		}
 		if (a.op == "flap") {
 			Action h{now + a.duration, "heal", a.target};
 			extra.push_back(h);

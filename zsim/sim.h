@@ -35,7 +35,7 @@ struct Settings {
 	long send_latency = 90;   // from the start of a record to its frames and requests
 	long rx_cost = 20;        // a frame read or a timer callback that posts no record
 	long link_delay = 5;      // a hop: wire and bridge
-	long carrier_delay = 700; // a carrier change until the kernel (and the daemon) sees it
+	long carrier_delay = 250; // a carrier change until the kernel (and the daemon) sees it
 	long restart_gap = 500 * 1000; // a restarted daemon's absence
 	bool set(const std::string &key, const std::string &value);
 	std::string conf_keys(); // "ring-interval=500 ..." for reports
@@ -186,6 +186,7 @@ private:
 	Time failover_from = -1, restore_from = -1;
 	std::vector<Time> broken_since; // per host pair during a restore window; -2 not counted
 	Time restore_max = 0;
+	bool failover_broke = false;
 	std::vector<char> last_reach;
 	bool all_reach = true;
 	void end_restore();
