@@ -53,6 +53,16 @@ def explain(v, s, replay):
                 rd = max(rd, int(val))
     if v['kind'] == 'loop' and fd and fd * 1000 + 200 < rd:
         return 'forward-delay shorter than response-delay'
+    gr = s['guarded-recovery']
+    for line in text.splitlines():
+        if ' reload ' in line and 'guarded-recovery=0' in line:
+            gr = 0
+    if v['kind'] == 'loop' and not gr and not s['hello-enable']:
+        # Ring frames stop (a silent cut, loss, a member away) while
+        # the ring is whole: the ring timeout alone opens the blocked port.
+        return 'guarded-recovery 0 with hello off: a ring timeout on a whole ring'
+    if v['kind'] == 'loop' and not gr and (' lose ' in text or ' restart ' in text):
+        return 'guarded-recovery 0: Ring frames lost or a member away on a whole ring'
     if v['kind'] == 'loop' and not s['hello-enable'] and 'silent-cut' in text:
         return 'silent cut without hello'
     return None

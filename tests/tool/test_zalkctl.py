@@ -113,6 +113,7 @@ class Check(unittest.TestCase):
 			(ring(3, ports=('lo', 'lo')), 'ring 3 "r3": port p1: interface lo is both port A and port B'),
 			(ring(3, 'focal', extra='blocked-port = eth7'), 'ring 3 "r3": blocked-port = "eth7" names neither port: port A is blocked'),
 			(ring(3, 'focal', extra='ring-interval = 20'), 'ring 3 "r3": ring-interval = 20 ms is short'),
+			(ring(3, 'focal', extra='guarded-recovery = 0'), 'ring 3 "r3": guarded-recovery = 0: Ring frames lost on a whole ring'),
 			(ring(3, port_extra='hello-time = 1'), 'ring 3 "r3": port p0: hello-time = 1 ms is short'),
 			(ring(3, port_extra='forward-delay = 1'), 'ring 3 "r3": port p0: forward-delay = 1 s is not longer than the 1500 ms a focal point with the default response-delay takes to answer: this member would open its returning port before the focal point has blocked its own, a loop'),
 			(ring(3, port_extra='hello-enable = 0'), 'ring 3 "r3": port p0: hello-enable = 0: a link that fails silently goes unseen'),
