@@ -20,8 +20,9 @@ import time
 def draw(rng):
     """A topology, its settings, and how many faults one run gets."""
     kind = rng.choices(['ring', 'bus', 'tworings'], [6, 2, 2])[0]
-    # Sizes log-uniform: many small rings, some up to 255.
-    n = int(round(3 * (255 / 3) ** (rng.random() ** 1.5)))
+    # Mostly small rings (cheap: many faults a second), some up to 255.
+    r = rng.random()
+    n = rng.randint(3, 16) if r < 0.85 else rng.randint(17, 64) if r < 0.96 else rng.randint(65, 255)
     if kind == 'tworings':
         n = max(3, n // 2)
         topo = 'tworings:%d,%d' % (n, rng.randint(3, max(3, n)))
@@ -35,7 +36,7 @@ def draw(rng):
         'forward-delay': rng.choice([0, 0, 0, 1, 2, 5]),
         'guarded-recovery': rng.choice([0, 1]),
     }
-    ops = 200 if n <= 16 else 60 if n <= 64 else 20
+    ops = 300 if n <= 16 else 60 if n <= 64 else 20
     return topo, s, ops
 
 

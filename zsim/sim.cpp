@@ -842,6 +842,10 @@ void World::fault(const Action &a)
 	last_blocked = 1 << 30;
 	stalls = 0;
 	trace("fault: %s", a.text().c_str());
+	// A measurement covers one fault: the next one ends it.
+	bool was_whole = all_reach && failover_from < 0;
+	failover_from = -1;
+	end_restore();
 	push(Item{now + bound(), 0, T_CONVERGE, -1, 0, (uint64_t)++faults, nullptr, {}});
 	if (a.op == "restart" || a.op == "reload") {
 		if (a.op == "restart") {
@@ -856,10 +860,7 @@ void World::fault(const Action &a)
 		return;
 	}
 	Link &l = links[a.target];
-	bool was_whole = all_reach;
 	if (a.op == "cut" || a.op == "silent-cut" || a.op == "flap") {
-		failover_from = -1;
-		end_restore();
 		if (a.op == "silent-cut") {
 			l.silent = true;
 		} else {
@@ -879,8 +880,6 @@ void World::fault(const Action &a)
 			push(Item{h.t, 0, T_FAULT, -1, (int)extra.size() - 1 + 1000000, 0, nullptr, {}});
 		}
 	} else if (a.op == "heal") {
-		failover_from = -1;
-		end_restore();
 		bool was_down = l.down;
 		l.down = l.silent = false;
 		l.loss = 0;
