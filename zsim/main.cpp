@@ -342,7 +342,6 @@ int main(int argc, char **argv)
 		std::ofstream o(replay_file);
 		o << "# " << kind_name(res.violations[0].kind) << ": " << res.violations[0].detail << "\n";
 		o << "# zsim --topology " << r.topo << " --seed " << r.seed;
-		Settings d;
 		for (auto kv : {std::string("ring-interval=") + std::to_string(r.cfg.ring_interval),
 				"hello-time=" + std::to_string(r.cfg.hello_time), "hello-enable=" + std::to_string(r.cfg.hello_enable),
 				"response-delay=" + std::to_string(r.cfg.response_delay),

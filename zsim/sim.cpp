@@ -418,14 +418,15 @@ void World::deliver(int port, std::vector<uint8_t> frame, Time t)
 	};
 	if (!passes(in))
 		return;
+	// A group in the multicast database goes only to its ports.
 	std::string key(frame.begin(), frame.begin() + 6);
 	key += std::to_string(vid);
-	auto m = mdb.find(in.sw) != mdb.end() ? mdb[in.sw].find(key) : std::map<std::string, std::vector<int>>::iterator();
-	bool known = mdb.count(in.sw) && m != mdb[in.sw].end();
+	auto &groups = mdb[in.sw];
+	auto m = groups.find(key);
 	for (auto &i : x.ifaces) {
 		if (i.port == port || !passes(ports[i.port]))
 			continue;
-		if (known && std::find(m->second.begin(), m->second.end(), i.ifindex) == m->second.end())
+		if (m != groups.end() && std::find(m->second.begin(), m->second.end(), i.ifindex) == m->second.end())
 			continue;
 		transmit(i.port, frame.data(), frame.size(), t);
 	}
