@@ -539,8 +539,8 @@ void check_ring(Checker &ck, cfg_t *cfg, unsigned c, std::vector<long> &ids)
 		ck.say(false, sec, "ring-interval = %ld ms is short: a busy switch may miss four and open the ring", interval);
 	if (role == 0 && !cfg_getint(sec, "guarded-recovery"))
 		ck.say(false, sec,
-		       "guarded-recovery = 0: Ring frames lost on a whole ring (a lossy link, a member daemon restarting) "
-		       "open the blocked port, a loop");
+		       "guarded-recovery = 0: Ring frames lost on a whole ring (a lossy link, a member daemon restarting, "
+		       "members holding returning ports at a start) open the blocked port, a loop");
 	unsigned nports = std::min(2u, cfg_size(sec, "port"));
 	if (!nports)
 		ck.say(false, sec, "no port section: the ring has no ports");
