@@ -681,6 +681,10 @@ void check_ring(Checker &ck, cfg_t *cfg, unsigned c, std::vector<long> &ids)
 	long delay = cfg_getint(sec, "response-delay");
 	if (role == 0 && delay > HOUR_MS)
 		ck.say(false, sec, "response-delay = %ld ms is above an hour: a returning link waits that long", delay);
+	if (role == 0 && !cfg_getint(sec, "guarded-recovery"))
+		ck.say(false, sec,
+		       "guarded-recovery = 0: Ring frames lost on a whole ring (a lossy link, a member daemon restarting, "
+		       "members holding returning ports at a start) open the blocked port, a loop");
 	unsigned nports = std::min(2u, cfg_size(sec, "port"));
 	if (!nports)
 		ck.say(false, sec, "no port section: the ring has no ports");

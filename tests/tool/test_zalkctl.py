@@ -117,6 +117,7 @@ class Check(unittest.TestCase):
 			(ring(3, ports=('lo', 'lo')), 'ring 3 "r3": port p1: interface lo is both port A and port B'),
 			(ring(3, 'focal', extra='blocked-port = eth7'), 'ring 3 "r3": blocked-port = "eth7" names neither port: port A is blocked'),
 			(ring(3, 'focal', extra='ring-interval = 20'), 'ring 3 "r3": ring-interval = 20 ms is short'),
+			(ring(3, 'focal', extra='guarded-recovery = 0'), 'ring 3 "r3": guarded-recovery = 0: Ring frames lost on a whole ring'),
 			(ring(3, port_extra='hello-time = 1'), 'ring 3 "r3": port p0: hello-time = 1 ms is short'),
 			(ring(3, port_extra='hello-time = 3600001'), 'ring 3 "r3": port p0: hello-time = 3600001 ms is above an hour'),
 			(ring(3, port_extra='forward-delay = 3601'), 'ring 3 "r3": port p0: forward-delay = 3601 s is above an hour'),
