@@ -117,17 +117,19 @@ static ssize_t take(int fd, void *buf, size_t len, bool *trunc)
 	return (ssize_t)n;
 }
 
-ssize_t os_recvfrom(int fd, void *buf, size_t len, int, struct sockaddr *from, socklen_t *fromlen)
+ssize_t os_recv_frame(int fd, void *buf, size_t len, os_rx_frame *info)
 {
+	zsim::Fd *f = fd_of(fd);
+	const int vlan = f && !f->vlans.empty() ? f->vlans.front() : -1;
 	bool trunc;
 	ssize_t n = take(fd, buf, len, &trunc);
-	if (n >= 0 && from) {
-		sockaddr_ll sll{};
-		sll.sll_family = AF_PACKET;
-		sll.sll_ifindex = fd_of(fd)->bound;
-		memcpy(from, &sll, std::min<size_t>(*fromlen, sizeof(sll)));
-		*fromlen = sizeof(sll);
-	}
+	if (n < 0)
+		return n;
+	if (!f->vlans.empty())
+		f->vlans.pop_front();
+	info->ifindex = f->bound;
+	info->outgoing = false;
+	info->vlan = vlan;
 	return n;
 }
 
@@ -153,6 +155,20 @@ unsigned os_if_nametoindex(const char *name)
 	const zsim::Iface *i = iface_named(name);
 	return i ? (unsigned)i->ifindex : 0;
 }
+
+// Every simulated interface is a port of br0.
+int os_if_master(unsigned ifindex)
+{
+	if (ifindex == 2)
+		return 0;
+	char name[IF_NAMESIZE];
+	return os_if_indextoname(ifindex, name) ? 2 : -1;
+}
+
+// No service manager watches a simulated daemon.
+uint64_t os_notify_setup() { return 0; }
+
+void os_notify(const char *) {}
 
 char *os_if_indextoname(unsigned ifindex, char *name)
 {

@@ -406,6 +406,7 @@ void World::deliver(int port, std::vector<uint8_t> frame, Time t)
 				std::vector<uint8_t> rx(frame.begin(), frame.begin() + 12);
 				rx.insert(rx.end(), frame.begin() + 16, frame.end());
 				f.q.push_back(std::move(rx));
+				f.vlans.push_back(vid);
 				push(Item{t, 0, T_RX, in.sw, fd, 0, nullptr, {}});
 			}
 	}

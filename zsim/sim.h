@@ -70,6 +70,7 @@ struct Fd {
 	int bound = 0; // packet: ifindex
 	bool stranded = false; // frames came while its watcher was stopped
 	std::deque<std::vector<uint8_t>> q;
+	std::deque<int> vlans; // packet: the tag each queued frame came with
 };
 
 struct Switch {
