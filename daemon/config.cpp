@@ -13,6 +13,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "status/schema.h"
+
 namespace {
 
 // The longest period the daemon can keep: ring-interval and hello-time
@@ -189,7 +191,9 @@ const char *period_refusal(long ms)
 const char *port_name_refusal(const char *name)
 {
 	// The ring's own status files live beside the port directories.
-	static const char *const status_files[] = {"type", "ring-interval", "ring-id", "tc_count", "tc_jiffies", "state"};
+	namespace sc = zalk_schema;
+	static const char *const status_files[] = {sc::TYPE,     sc::RING_INTERVAL, sc::RING_ID, sc::TC_COUNT,
+						   sc::TC_JIFFIES, sc::STATE,         sc::MISSING};
 	size_t len = strlen(name);
 	if (!len || len > 15 || !strcmp(name, ".") || !strcmp(name, ".."))
 		return "not a Linux interface name";

@@ -41,7 +41,7 @@ TEST_F(Refused, ValuesTheDaemonCannotRunWithFailTheirRingWithOneLine)
 		{"port a { name = \".\" }", "Ring 5: port a: name = \".\" refused: not a Linux interface name"},
 		{"port a { name = \"\" }", "Ring 5: port a: name = \"\" refused: not a Linux interface name"},
 		{"port a { name = eth1234567890123 }", "Ring 5: port a: name = \"eth1234567890123\" refused: not a Linux interface name"},
-		{"port a { name = state }", "Ring 5: port a: name = \"state\" refused: the name of one of the ring's status files"},
+		{"port a { name = missing }", "Ring 5: port a: name = \"missing\" refused: the name of one of the ring's status files"},
 		{"ring-id = 6", "Ring 6: ring-role = (none) refused: every ring needs a role, focal or member"},
 	};
 	for (auto &[values, line] : rows) {
