@@ -117,8 +117,8 @@ def watch_main(out, specs):
 	answer), "TIME lost" for each overrun."""
 	ports, socks = {}, {}
 	own = os.open('/proc/self/ns/net', os.O_RDONLY)
-	for spec in specs:
-		s, names = spec.split(':')
+	for item in specs:
+		s, names = item.split(':')
 		ports[s] = set(names.split(','))
 		fd = os.open('/run/netns/' + zlab.NS_PREFIX + s, os.O_RDONLY)
 		if libc.setns(fd, CLONE_NEWNET):

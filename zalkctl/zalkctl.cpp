@@ -575,7 +575,7 @@ std::vector<std::pair<std::string, uint16_t>> protocol_vlan_ports()
 			auto *ifi = (ifinfomsg *)NLMSG_DATA(h);
 			unsigned master = 0;
 			const char *name = nullptr;
-			rtattr *spec = nullptr;
+			rtattr *af_spec = nullptr;
 			int alen = (int)IFLA_PAYLOAD(h);
 			for (auto *a = IFLA_RTA(ifi); RTA_OK(a, alen); a = RTA_NEXT(a, alen)) {
 				if (a->rta_type == IFLA_MASTER)
@@ -583,13 +583,13 @@ std::vector<std::pair<std::string, uint16_t>> protocol_vlan_ports()
 				else if (a->rta_type == IFLA_IFNAME)
 					name = (const char *)RTA_DATA(a);
 				else if ((a->rta_type & NLA_TYPE_MASK) == IFLA_AF_SPEC)
-					spec = a;
+					af_spec = a;
 			}
-			if (master != br || (unsigned)ifi->ifi_index == br || !name || !spec)
+			if (master != br || (unsigned)ifi->ifi_index == br || !name || !af_spec)
 				continue;
 			uint16_t begin = 0;
-			int vlen = (int)RTA_PAYLOAD(spec);
-			for (auto *v = (rtattr *)RTA_DATA(spec); RTA_OK(v, vlen); v = RTA_NEXT(v, vlen)) {
+			int vlen = (int)RTA_PAYLOAD(af_spec);
+			for (auto *v = (rtattr *)RTA_DATA(af_spec); RTA_OK(v, vlen); v = RTA_NEXT(v, vlen)) {
 				if (v->rta_type != IFLA_BRIDGE_VLAN_INFO || RTA_PAYLOAD(v) < sizeof(bridge_vlan_info))
 					continue;
 				auto *info = (bridge_vlan_info *)RTA_DATA(v);
