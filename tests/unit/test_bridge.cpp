@@ -1,9 +1,12 @@
 // The bridge as the rings need it: every netlink request byte for byte,
 // preparation and teardown in order, the drop filters and their priority
-// list, and every command a ring runs.
+// list (a reconfiguration step's filters run as one tc batch whose
+// failures read as when each command ran alone), and every command a ring
+// runs.
 #include <cerrno>
 #include <linux/if_bridge.h>
 
+#include "bridge/filters.h"
 #include "daemon/commands.h"
 #include "daemon/util.h"
 #include "tests/fakes/fixture.h"
@@ -329,6 +332,77 @@ TEST_F(BridgeOps, DropFilterPrioritiesAreReusedLowestFirstAndUnconfiguredRingIds
 	EXPECT_EQ(fake::commands.size(), 6u);
 	ASSERT_EQ(errors().size(), 3u);
 	EXPECT_EQ(errors()[2], "Could not block mac addresses for unconfigured ring id\n\n");
+}
+
+TEST_F(BridgeOps, DropFiltersRunAsOneBatchWithFailuresReportedAsAlone)
+{
+	make_ring(0, RING_TYPE_MEMBER, 3);
+	make_ring(1, RING_TYPE_FOCAL, 5, false);
+	// Failing: a foreign ring's filter on eth1 and a version-0 one on the port named v0.
+	auto fail_on = [](const char *v0) {
+		fake::spawn_hook = [v0](const std::vector<std::string> &v) {
+			const std::string line = join(v);
+			return line.find("prio 322 ") != std::string::npos || line.find(std::string("dev ") + v0 + " ingress protocol 802.1Q prio 301") != std::string::npos;
+		};
+	};
+	// The commands one at a time, then as the batch: the same commands and error lines in the same order.
+	auto alone_then_batched = [this] {
+		tc_list_create();
+		zalkv2_block_unconfigured_rings(1);
+		zalkv2_block_v0_macs(1);
+		const Lines alone = errors(), commands = fake::commands;
+		tc_list_create();
+		clear();
+		zalkv2_set_drop_filters(1);
+		EXPECT_EQ(errors(), alone);
+		EXPECT_EQ(fake::commands, commands);
+		return alone;
+	};
+	fail_on("eth11");
+	const Lines alone = alone_then_batched();
+	ASSERT_EQ(fake::batches.size(), 1u);
+	EXPECT_EQ(fake::batches[0].substr(0, fake::batches[0].find('\n', 20) + 1),
+		  "tc -force -batch -\nfilter add dev eth1 ingress protocol 802.1Q prio 321 flower  dst_mac 03:4b:a1:01:01:01 vlan_id 4021 action drop\n");
+	EXPECT_EQ(count_of(fake::batches[0], "\n"), 1 + (18 * 2 * 3 + 3 * 3));
+	EXPECT_EQ(alone, (Lines{"System fail add port eth1 mac 03:4b:a1:01:01:02 loc 322\n\n",
+				"Could not block mac addresses for unconfigured ring id\n\n",
+				"System fail add port eth11 mac 01:00:5e:05:0a:09 loc 301\n\n", "Block zalkv0 macs failed\n\n"}));
+
+	// Removal and installation in one process read as the two steps did.
+	clear();
+	zalkv2_set_drop_filters(0);
+	zalkv2_set_drop_filters(1);
+	const Lines two_errors = errors(), two_commands = fake::commands;
+	const std::string eth1 = instances[0].port[0].name;
+	for (int c : {0, 1, 2}) { // a command run alone (a name tc's batch cannot carry), a debug line, neither
+		strcpy(instances[0].port[0].name, c == 0 ? "e#1" : eth1.c_str());
+		fake::write_file("/var/run/zalkv2/debug", c == 1 ? "2" : "0");
+		clear();
+		zalkv2_refresh_drop_filters();
+		// A removal that said or ran something runs alone (a command run alone splits its step too).
+		EXPECT_EQ(fake::batches.size(), c == 0 ? 4u : c == 1 ? 2u : 1u);
+		EXPECT_TRUE(c == 0 || fake::commands == two_commands);
+		EXPECT_EQ(errors(), two_errors);
+	}
+
+	// A tc that dies: the lines before the last one it reported are done.
+	fake::spawn_hook = [](const std::vector<std::string> &v) {
+		const std::string line = join(v);
+		return line.find("prio 322 ") != std::string::npos ? 1 : line.find("prio 330 ") != std::string::npos ? 256 + 9 : 0;
+	};
+	tc_list_create();
+	clear();
+	zalkv2_set_drop_filters(1);
+	EXPECT_EQ(errors().at(0), "System fail add port eth1 mac 03:4b:a1:01:01:02 loc 322\n\n");
+
+	// A command that cannot join the batch runs in its place, after the
+	// queued ones, whose failures are reported first, as they are before
+	// any other error line.
+	strcpy(instances[1].port[0].name, "e#11");
+	std::erase_if(fake::ifaces, [](const fake::Iface &i) { return i.name == "eth2"; }); // its filters fail before tc
+	fail_on("e#11");
+	clear();
+	alone_then_batched();
 }
 
 } // namespace

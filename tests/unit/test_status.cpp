@@ -1,5 +1,9 @@
-// Event log, frame dump, the status file tree and the status
-// report.
+// The debug level as its file changes, the event log, frame dump, the
+// status file tree (its texts after every event, written after the
+// event's frames) and the status report.
+#include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,16 +11,91 @@
 #include "tests/fakes/fixture.h"
 
 using namespace fx;
+namespace fs = std::filesystem;
 
 namespace {
 
 using Status = Unit;
+
+void put(const std::string &path, const char *text) { std::ofstream(path, std::ios::trunc) << text; }
 
 std::string report()
 {
 	testing::internal::CaptureStderr();
 	zalk_status_report();
 	return testing::internal::GetCapturedStderr();
+}
+
+// First in this file: the daemon arms the debug file's watch once per
+// process, so SIGIO is blocked here before anything has read the level.
+TEST_F(Status, DebugLevelFollowsEveryKindOfChangeAtTheNextRead)
+{
+	sigset_t io; // as a daemon started with SIGIO blocked
+	sigemptyset(&io);
+	sigaddset(&io, SIGIO);
+	sigprocmask(SIG_BLOCK, &io, nullptr);
+	const std::string dir = fake::root() + "/var/run/zalkv2", file = dir + "/debug", away = fake::root() + "/tmp/lvl";
+	const std::pair<std::function<void()>, unsigned> rows[] = {
+		{[&] { fs::remove_all(dir); }, 0},
+		{[&] { fs::create_directories(dir); }, 0},
+		{[&] { put(file, "1\n"); }, 1},    // created
+		{[&] { put(file, "0x80"); }, 128}, // rewritten in place
+		{[&] { put(dir + "/new", "2"); fs::rename(dir + "/new", file); }, 2},
+		{[&] { put(away, "4"); fs::remove(file); fs::create_symlink(away, file); }, 0}, // never followed
+		{[&] { put(away, "8"); }, 0},
+		{[&] { fs::remove(file); }, 0},
+		{[&] { fs::remove_all(dir); }, 0},
+		{[&] { fs::create_directories(dir); put(file, "32"); }, 32},
+	};
+	for (auto &[change, level] : rows) {
+		change();
+		EXPECT_EQ(zalk_debug_level(), level);
+		EXPECT_EQ(zalk_debug_level(), level);
+	}
+}
+
+TEST_F(Status, StatusFilesHoldTheirTextsAfterEveryEventAndFollowItsFrames)
+{
+	make_ring(0, RING_TYPE_MEMBER);
+	member_config_ring_topology(0, DOWN_NET_MEMBER, 0);
+	auto texts = [] {
+		std::string s = fake::read_file("/var/run/zalkv2/3/state") + "|" + fake::read_file("/var/run/zalkv2/3/tc_count");
+		for (const char *p : {"eth1", "eth2"})
+			for (const char *f : {"link", "logical_state", "physical_state"})
+				s += "|" + fake::read_file(std::string("/var/run/zalkv2/3/") + p + "/" + f);
+		return s;
+	};
+	std::vector<std::string> at_send;
+	fake::send_hook = [&](const fake::Frame &) { at_send.push_back(fake::read_file("/var/run/zalkv2/3/state")); };
+	const std::pair<uint32_t, const char *> rows[] = {
+		{LINKA0_1, "Broken|2|1|Forwarding|FORWARDING|0|Not Qualified|BLOCKING"},
+		{LINKB0_1, "Broken|2|1|Forwarding|FORWARDING|0|Not Qualified|BLOCKING"}, // announcing, no change
+		{RX_LINK_RESPONSE, "Ok|3|1|Forwarding|FORWARDING|1|Forwarding|FORWARDING"},
+		{LINKA1_0, "Broken|4|0|Not Qualified|BLOCKING|1|Forwarding|FORWARDING"},
+	};
+	for (auto &[ev, want] : rows) {
+		event(0, ev);
+		EXPECT_EQ(texts(), want) << zalk_event_name(ev);
+	}
+	EXPECT_EQ(sent(), "Link Up@11 Link Up@12 Link Down@12");
+	EXPECT_EQ(at_send, (Lines{"Broken", "Broken", "Ok"})) << "the Link Down leaves before the state is written";
+
+	// After every update each file holds the daemon's text at its path,
+	// whoever rewrote (b_state), removed (a_state) or renamed (ring-id) it.
+	const std::string a_state = "/var/run/zalkv2/3/eth1/physical_state", b_state = "/var/run/zalkv2/3/eth2/physical_state";
+	fake::write_file(b_state, "stale");
+	fs::remove(fake::root() + a_state);
+	fs::rename(fake::root() + "/var/run/zalkv2/3/ring-id", fake::root() + "/var/run/zalkv2/3/moved");
+	event(0, LINKA0_1);
+	fake::uptime = 4343;
+	event(0, RX_LINK_RESPONSE);
+	EXPECT_EQ(fake::read_file(b_state) + fake::read_file(a_state) + fake::read_file("/var/run/zalkv2/3/tc_jiffies") +
+			  fake::read_file("/var/run/zalkv2/3/ring-id"),
+		  "FORWARDINGFORWARDING43433");
+	fake::write_file("/var/run/zalkv2/3/state", "stale");
+	zalk_status_setup(0);
+	member_config_ring_topology(0, OK_NET_MEMBER, 1);
+	EXPECT_EQ(texts(), "Ok|1|1|Forwarding|FORWARDING|1|Forwarding|FORWARDING");
 }
 
 TEST_F(Status, EventLogAndHexDump)
