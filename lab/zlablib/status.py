@@ -4,11 +4,23 @@ status`, run inside the switch's namespaces as its operator would run it
 the kernel's own view of the ring ports."""
 import json
 import os
+import re
 import subprocess
 import time
 
 from .common import FOCAL, LabError, sh
 from .namespaces import bridge_port_state
+
+
+def _schema_names():
+	"""The status tree's file names as status/schema.h gives them: the one
+	description the daemon and zalkctl share."""
+	path = os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'status', 'schema.h')
+	with open(path) as f:
+		return dict(re.findall(r'constexpr const char \*(\w+) = "([^"]*)";', f.read()))
+
+
+SCHEMA = _schema_names()
 
 
 class Status:
@@ -75,12 +87,16 @@ class Status:
 		return out
 
 	def physical_states(self, ends):
-		"""{(switch, port): the state its daemon last set on that ring port}."""
-		rings = self.rings(sorted({s for s, _ in ends}))
+		"""{(switch, port): the state its daemon last set on that ring port}.
+		Read from the daemon's files by the names status/schema.h gives, not
+		through zalkctl: a heal holds its ports while it reads, and a zalkctl
+		per read held them some 10 ms (far longer on a loaded machine)."""
 		res = {}
 		for s, p in ends:
-			res[(s, p)] = next((q['physical_state'] for r in rings[s].values() for q in r['ports']
-					    if q['name'] == p), None)
+			rid = next((r['ring_id'] for r in self.topo['switches'][s]['rings'] if p in (r['port_a'], r['port_b'])),
+				   None)
+			text = None if rid is None else self.read(s, '%d/%s/%s' % (rid, p, SCHEMA['PHYSICAL_STATE']))
+			res[(s, p)] = text.strip() if text else None
 		return res
 
 	def physical_state(self, s, p):
