@@ -29,7 +29,9 @@ if [ -f $RIG_JOB/package.deb ]; then
 		mount -t overlay -o lowerdir=/.rig/dpkg-lower,upperdir=/.rig/dpkg-rw/upper,workdir=/.rig/dpkg-rw/work \
 			dpkg /var/lib/dpkg
 	fi
-	if dpkg -i $RIG_JOB/package.deb > $RIG_JOB/dpkg.log 2>&1; then
+	# Never a question on the console: a configuration file the host's /etc
+	# happens to hold would otherwise stop the guest at dpkg's prompt.
+	if dpkg --force-confnew -i $RIG_JOB/package.deb > $RIG_JOB/dpkg.log 2>&1 </dev/null; then
 		echo "rig: installed $(dpkg-query -W -f='${Package} ${Version}' zalkv2d) with dpkg -i"
 		ZALKV2D=/usr/sbin/zalkv2d
 		ZALKCTL=/usr/sbin/zalkctl
