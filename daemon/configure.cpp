@@ -237,22 +237,7 @@ bool setup_instance(cfg_t *ring_sec, int count)
 	zalkv2_instance &in = instances[ins];
 	if (!in.enabled)
 		clear_slot(ins);
-	in.bridge_ifindex = br;
-	zalkv2_read_base_mac(in.base_mac);
-	in.index = ins;
-	in.ring_id = ring_id;
-	zalkv2_configure_port(ins, PORT_A, ring_sec);
-	zalkv2_configure_port(ins, PORT_B, ring_sec);
-	if (zalkv2_cfg_ring_role(ring_sec) == 0) {
-		in.role = RING_TYPE_FOCAL;
-		in.blocked_port = blocked_port_of(ins, ring_sec);
-		in.response_delay = ms_to_50ms_ticks(cfg_getint(ring_sec, "response-delay"));
-		in.guarded_recovery = (int32_t)cfg_getint(ring_sec, "guarded-recovery");
-		in.ring_interval = ms_to_seconds(cfg_getint(ring_sec, "ring-interval"));
-	} else {
-		in.role = RING_TYPE_MEMBER;
-	}
-	in.enabled = 1;
+	zalkv2_write_instance(ins, ring_sec, br);
 	missing_said[ins][0] = 0; // a new status tree says nothing yet
 
 	zalkv2_prepare_bridge_on_instance(ins);
@@ -513,6 +498,27 @@ int zalkv2_port_config_changed(int ins, int p, cfg_t *ring_sec)
 	if (port.hello_time_ms != (uint32_t)cfg_getint(port_sec, "hello-time"))
 		return 1;
 	return s_to_200ms_ticks(cfg_getint(port_sec, "forward-delay")) != port.fwd_delay ? 1 : 0;
+}
+
+void zalkv2_write_instance(int ins, cfg_t *ring_sec, int bridge_ifindex)
+{
+	zalkv2_instance &in = instances[ins];
+	in.bridge_ifindex = bridge_ifindex;
+	zalkv2_read_base_mac(in.base_mac);
+	in.index = ins;
+	in.ring_id = (int32_t)cfg_getint(ring_sec, "ring-id");
+	zalkv2_configure_port(ins, PORT_A, ring_sec);
+	zalkv2_configure_port(ins, PORT_B, ring_sec);
+	if (zalkv2_cfg_ring_role(ring_sec) == 0) {
+		in.role = RING_TYPE_FOCAL;
+		in.blocked_port = blocked_port_of(ins, ring_sec);
+		in.response_delay = ms_to_50ms_ticks(cfg_getint(ring_sec, "response-delay"));
+		in.guarded_recovery = (int32_t)cfg_getint(ring_sec, "guarded-recovery");
+		in.ring_interval = ms_to_seconds(cfg_getint(ring_sec, "ring-interval"));
+	} else {
+		in.role = RING_TYPE_MEMBER;
+	}
+	in.enabled = 1;
 }
 
 void zalkv2_configure_port(int ins, int p, cfg_t *ring_sec)

@@ -13,4 +13,7 @@ void zalkv2_teardown_instance(int ins, struct ev_loop *loop);
 // wait for. True when it set a ring up.
 bool zalkv2_repair_instances(struct ev_loop *loop);
 int zalkv2_port_config_changed(int ins, int p, cfg_t *ring_sec);
+// Slot ins's record from its ring section (identity, ports, role and the
+// focal point's values, then enabled); starts nothing: set-up does that.
+void zalkv2_write_instance(int ins, cfg_t *ring_sec, int bridge_ifindex);
 void zalkv2_configure_port(int ins, int p, cfg_t *ring_sec);

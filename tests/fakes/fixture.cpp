@@ -1,6 +1,9 @@
 // The shared unit-test fixture (see fixture.h).
 #include "tests/fakes/fixture.h"
 
+#include "daemon/config.h"
+#include "daemon/configure.h"
+
 #include <algorithm>
 #include <linux/if_bridge.h>
 #include <linux/if_link.h>
@@ -171,33 +174,43 @@ Bytes link_up_payload(uint8_t last)
 
 zalkv2_instance &make_ring(int ins, uint32_t role, int ring_id, bool with_b)
 {
-	zalkv2_instance &in = instances[ins];
-	in.index = ins;
-	in.ring_id = ring_id;
-	in.role = role;
-	in.bridge_ifindex = 2;
-	const uint8_t base[6] = {0x02, 0, 0, 0, 0, (uint8_t)(0x10 + ins)};
-	memcpy(in.base_mac, base, 6);
-	in.ring_interval = 0.5f;
-	in.response_delay = 30;
-	in.blocked_port = PORT_B;
-	for (int p = 0; p < 2; p++) {
-		zalkv2_port &port = in.port[p];
-		port.instance = &in;
-		port.port_index = p;
-		if (p == PORT_B && !with_b)
-			continue;
-		port.ifindex = 10 * ins + 11 + p;
-		snprintf(port.name, sizeof(port.name), "eth%d", 10 * ins + 1 + p);
+	// The interfaces and the base MAC first: configuration finds them.
+	const uint8_t bridge_mac[6] = {0x02, 0, 0, 0, 0, 0xbb};
+	if (!fake::iface_by_name("br0"))
+		fake::add_iface("br0", 2, bridge_mac, true);
+	std::string ports;
+	for (int p = 0; p < (with_b ? 2 : 1); p++) {
+		std::string name = "eth" + std::to_string(10 * ins + 1 + p);
 		const uint8_t mac[6] = {0x02, 0, 0, 0, (uint8_t)ins, (uint8_t)(p + 1)};
-		memcpy(port.mac, mac, 6);
+		fake::add_iface(name, 10 * ins + 11 + p, mac, true);
+		ports += "  port " + std::string(p ? "b" : "a") + " {\n    name = " + name +
+			 "\n    hello-enable = 0\n    hello-time = 500\n  }\n";
+	}
+	char base[32];
+	snprintf(base, sizeof(base), "02:00:00:00:00:%02x\n", 0x10 + ins);
+	fake::write_file("/var/run/system/0/mac-base", base);
+	fake::write_file("/etc/zalkv2d.conf",
+			 "zalk ring {\n  ring-id = " + std::to_string(ring_id) + "\n  ring-role = " +
+				 (role == RING_TYPE_FOCAL ? "focal-point" : "member") +
+				 "\n  ring-interval = 500\n  response-delay = 1500\n  guarded-recovery = 0\n"
+				 "  blocked-port = eth" + std::to_string(10 * ins + 2) + "\n" + ports + "}\n");
+	// Start-up opens the interface socket (the ports' MACs are asked
+	// through it) before it configures; a test's own value stays.
+	int kept = netsock;
+	netsock = netsock ? netsock : 9;
+	cfg_t *cfg = zalkv2_read_config();
+	EXPECT_NE(cfg, nullptr);
+	if (cfg)
+		zalkv2_write_instance(ins, cfg_getnsec(cfg, "zalk", 0), 2);
+	cfg_free(cfg);
+	netsock = kept;
+	// What set-up leaves before any event: links up, ring ports blocked,
+	// frame templates and the status tree.
+	zalkv2_instance &in = instances[ins];
+	for (auto &port : in.port) {
 		port.operstate = ZALK_OPER_UP;
 		port.state = PORT_BLOCKING;
-		port.hello_time_ms = 500;
-		port.hello_time = 0.5f;
-		fake::add_iface(port.name, port.ifindex, mac, true);
 	}
-	in.enabled = 1;
 	zalkv2_build_frames(ins);
 	zalk_status_setup(ins);
 	return in;

@@ -74,10 +74,12 @@ int rx_vlan(const Bytes &frame);
 // A Link Up event's payload (frame bytes from 24): sender id ...:<last>.
 Bytes link_up_payload(uint8_t last);
 
-// Ring <ring_id> in slot ins: ports eth<10*ins+1>/eth<10*ins+2> with
+// Ring <ring_id> in slot ins, its record written by the configuration
+// code from a ring section: ports eth<10*ins+1>/eth<10*ins+2> with
 // ifindex 10*ins+11/12 (interfaces up, MAC 02:00:00:00:<ins>:<p+1>),
 // base MAC 02:00:00:00:00:<0x10+ins>, interval 0.5 s, response delay 30
-// ticks, port B blocked, hello off, templates built, status tree set up.
+// ticks, guarded recovery off, port B blocked, hello off, in br0 (index
+// 2); links up, ports BLOCKING, templates built, status tree set up.
 zalkv2_instance &make_ring(int ins, uint32_t role, int ring_id = 3, bool with_b = true);
 
 class Unit : public ::testing::Test {
