@@ -16,6 +16,7 @@ Standard library only.
 """
 
 import argparse
+import difflib
 import json
 import os
 import random
@@ -332,13 +333,85 @@ def parse_args():
     ap.add_argument("--only", help="run the mutants whose file:line contains this text "
                     "(several texts: comma-separated, any of them)")
     ap.add_argument("--json", help="write every result to this file")
+    ap.add_argument("--mutants", metavar="JSON",
+                    help="run the mutants of an earlier run's --json (of this or another commit) "
+                         "where their lines are in this tree, instead of a sample")
     return ap.parse_args()
+
+
+def same_fault_key(m):
+    ind = len(m["text"]) - len(m["text"].lstrip())
+    return (m["op"], m["old"], m["new"], m["col"] - ind, m["text"].strip())
+
+
+def relocate(earlier, cands):
+    """This tree's candidates that are the faults of an earlier run (its
+    --json, maybe of another commit): the same operator on the same text
+    of the same line, in the same file if the line is still there, else
+    wherever it moved, the nearest line first. The ones whose line is gone
+    come back apart."""
+    by_key = {}
+    for c in cands:
+        by_key.setdefault(same_fault_key(c), []).append(c)
+    found, gone = [], []
+    for m in earlier:
+        hits = by_key.get(same_fault_key(m), [])
+        how = "same line"
+        if not hits:
+            # A line that was rewritten a little (a renamed field, one
+            # more argument): the same fault on the most similar line.
+            hits = similar(m, cands)
+            how = "similar line"
+        if not hits:
+            gone.append(m)
+            continue
+        best = min(hits, key=lambda c: (c["file"] != m["file"], abs(c["line"] - m["line"])))
+        found.append(dict(best, was=f"{m['file']}:{m['line']}:{m['col']}", before=m.get("verdict", ""), how=how))
+    return found, gone
+
+
+def around(m, width=6):
+    """The text either side of a mutant's place in its line."""
+    t, c = m["text"], m["col"]
+    return t[max(0, c - width): c], t[c + len(m["old"]): c + len(m["old"]) + width]
+
+
+def similar(m, cands, least=0.8):
+    """The same operator and text, with the same few characters either
+    side, on the line most like m's (at least `least` alike), at the
+    place nearest m's within the line."""
+    text = m["text"].strip()
+    scored = []
+    for c in cands:
+        if (c["op"], c["old"], c["new"]) != (m["op"], m["old"], m["new"]) or around(c) != around(m):
+            continue
+        r = difflib.SequenceMatcher(None, text, c["text"].strip()).ratio()
+        if r >= least:
+            scored.append((r, c))
+    if not scored:
+        return []
+    top = max(r for r, _ in scored)
+    hits = [c for r, c in scored if r == top]
+    ind = len(m["text"]) - len(m["text"].lstrip())
+    near = min(abs((c["col"] - len(c["text"]) + len(c["text"].lstrip())) - (m["col"] - ind)) for c in hits)
+    return [c for c in hits if abs((c["col"] - len(c["text"]) + len(c["text"].lstrip())) - (m["col"] - ind)) == near]
 
 
 def pick(a, src):
     """The mutants of this run, in their run order."""
     cands = candidates(src)
-    picked = sample(cands, a.sample, a.seed)
+    if a.mutants:
+        with open(a.mutants, encoding="utf-8") as f:
+            found, gone = relocate(json.load(f)["results"], cands)
+        print(f"{len(found)} of {len(found) + len(gone)} mutants of {a.mutants} found in this tree; "
+              f"lines gone or changed: {len(gone)}", flush=True)
+        for m in gone:
+            print(f"  gone ({m.get('verdict', '')}): " + describe(m), flush=True)
+        for m in found:
+            if m["how"] != "same line":
+                print(f"  on a similar line: {m['was']} -> {describe(m)}", flush=True)
+        cands = found
+    picked = sample(cands, a.sample, a.seed) if not a.mutants else cands
     if a.only:
         picked = [m for m in picked if any(o in f"{m['file']}:{m['line']}" for o in a.only.split(","))]
     # Run in a seeded shuffled order: a run stopped early (--stop-after)
@@ -434,6 +507,11 @@ def report(results, stages, t_start):
     print(f"  hangs (counted as killed): {sum(1 for r in killed if 'hang' in r['by'])}")
     if secs:
         print(f"wall {time.monotonic() - t_start:.0f}s, per mutant median {statistics.median(secs):.1f}s")
+    lost = [r for r in results if r.get("before") == "killed" and r["verdict"] != "killed"]
+    if any("before" in r for r in results):
+        print(f"killed in the earlier run and not now: {len(lost)}")
+        for r in lost:
+            print(f"  {describe(r)} (was {r['was']}, {r['verdict']})")
     if survived:
         print("survivors:")
         for r in sorted(survived, key=lambda r: (r["file"], r["line"], r["col"])):

@@ -681,6 +681,15 @@ void check_ring(Checker &ck, cfg_t *cfg, unsigned c, std::vector<long> &ids)
 	long delay = cfg_getint(sec, "response-delay");
 	if (role == 0 && delay > HOUR_MS)
 		ck.say(false, sec, "response-delay = %ld ms is above an hour: a returning link waits that long", delay);
+	// The members' own check assumes the default; a longer delay here
+	// turns their forward delays up to it into loops (the other half of
+	// the member check, seen from the focal point's file).
+	if (role == 0 && delay > DEFAULT_RESPONSE_MS)
+		ck.say(false, sec,
+		       "response-delay = %ld ms is longer than the default %ld ms: a member of this ring whose forward-delay "
+		       "is not 0 and not longer than %ld ms would open its returning port before this focal point has "
+		       "blocked its own, a loop",
+		       delay, DEFAULT_RESPONSE_MS, delay);
 	if (role == 0 && !cfg_getint(sec, "guarded-recovery"))
 		ck.say(false, sec,
 		       "guarded-recovery = 0: Ring frames lost on a whole ring (a lossy link, a member daemon restarting, "

@@ -123,6 +123,7 @@ class Check(unittest.TestCase):
 			(ring(3, port_extra='forward-delay = 3601'), 'ring 3 "r3": port p0: forward-delay = 3601 s is above an hour'),
 			(ring(3, 'focal', extra='ring-interval = 3600001'), 'ring 3 "r3": ring-interval = 3600001 ms is above an hour'),
 			(ring(3, 'focal', extra='response-delay = 3600001'), 'ring 3 "r3": response-delay = 3600001 ms is above an hour'),
+			(ring(3, 'focal', extra='response-delay = 1550'), 'ring 3 "r3": response-delay = 1550 ms is longer than the default 1500 ms: a member of this ring whose forward-delay is not 0 and not longer than 1550 ms would open'),
 			(ring(3, port_extra='forward-delay = 1'), 'ring 3 "r3": port p0: forward-delay = 1 s is not longer than the 1500 ms a focal point with the default response-delay takes to answer: this member would open its returning port before the focal point has blocked its own, a loop'),
 			(ring(3, port_extra='hello-enable = 0'), 'ring 3 "r3": port p0: hello-enable = 0: a link that fails silently goes unseen'),
 			(ring(3, ports=('zalknosuch0',)), 'ring 3 "r3": port p0: interface zalknosuch0 does not exist on this machine'),
