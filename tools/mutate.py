@@ -29,8 +29,8 @@ import sys
 import time
 
 DIRS = ("ring", "frames", "bridge", "daemon", "status")
-# Not linked into any test binary the stages run, or a one-line shim.
-SKIP_FILES = {"daemon/main.cpp", "daemon/instance.cpp"}
+# Not linked into any test binary the stages run (a one-line shim).
+SKIP_FILES = {"daemon/main.cpp"}
 
 DEFAULT_STAGES = [
     ("unit", "ctest -L unit -j2 --stop-on-failure -Q"),
@@ -313,7 +313,7 @@ def build_targets(build):
     out = subprocess.run(["ninja", "-C", build, "-t", "targets", "all"], check=True, capture_output=True,
                          text=True).stdout
     names = [line.split(":")[0] for line in out.splitlines()]
-    return sorted(t for t in names if re.fullmatch(r"tests/unit_tests|tests/(unit|kernel)_test_\w+|zalkv2d|zalkctl/zalkctl", t))
+    return sorted(t for t in names if re.fullmatch(r"tests/unit_tests|tests/(unit|kernel)_test_\w+|zalkv2d|zalkctl/zalkctl|zsim/zsim", t))
 
 
 def parse_args():
@@ -344,17 +344,25 @@ def same_fault_key(m):
     return (m["op"], m["old"], m["new"], m["col"] - ind, m["text"].strip())
 
 
-def relocate(earlier, cands):
+def relocate(earlier, cands, root):
     """This tree's candidates that are the faults of an earlier run (its
     --json, maybe of another commit): the same operator on the same text
     of the same line, in the same file if the line is still there, else
-    wherever it moved, the nearest line first. The ones whose line is gone
-    come back apart."""
+    wherever it moved, the nearest line first. An entry with "hand" (its
+    old place) is a fault mapped by hand onto code that was rewritten. The
+    ones whose line is gone come back apart."""
     by_key = {}
     for c in cands:
         by_key.setdefault(same_fault_key(c), []).append(c)
     found, gone = [], []
     for m in earlier:
+        if m.get("hand"):
+            # Mapped by hand onto rewritten code: taken as it is where the
+            # line still reads as it did.
+            with open(os.path.join(root, m["file"]), encoding="utf-8") as f:
+                ok = f.read().split("\n")[m["line"] - 1] == m["text"]
+            (found if ok else gone).append(dict(m, was=m["hand"], before=m.get("verdict", ""), how="by hand"))
+            continue
         hits = by_key.get(same_fault_key(m), [])
         how = "same line"
         if not hits:
@@ -402,7 +410,7 @@ def pick(a, src):
     cands = candidates(src)
     if a.mutants:
         with open(a.mutants, encoding="utf-8") as f:
-            found, gone = relocate(json.load(f)["results"], cands)
+            found, gone = relocate(json.load(f)["results"], cands, src)
         print(f"{len(found)} of {len(found) + len(gone)} mutants of {a.mutants} found in this tree; "
               f"lines gone or changed: {len(gone)}", flush=True)
         for m in gone:
