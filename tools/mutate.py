@@ -144,8 +144,22 @@ def candidates(root):
                 continue
             with open(os.path.join(root, rel), encoding="utf-8") as f:
                 lines = f.read().split("\n")
-            out.extend(file_candidates(rel, lines))
+            found = file_candidates(rel, lines)
+            for m in found:
+                m["near"] = neighbours(lines, m["line"] - 1)
+            out.extend(found)
     return out
+
+
+def neighbours(lines, i):
+    """The nearest non-blank lines before and after line i, stripped: what
+    tells a moved line from another with the same text."""
+    def step(d):
+        j = i + d
+        while 0 <= j < len(lines) and not lines[j].strip():
+            j += d
+        return lines[j].strip() if 0 <= j < len(lines) else ""
+    return [step(-1), step(1)]
 
 
 def mutant(rel, lineno, col, op, old, new, text):
@@ -363,7 +377,7 @@ def relocate(earlier, cands, root):
                 ok = f.read().split("\n")[m["line"] - 1] == m["text"]
             (found if ok else gone).append(dict(m, was=m["hand"], before=m.get("verdict", ""), how="by hand"))
             continue
-        hits = by_key.get(same_fault_key(m), [])
+        hits = [c for c in by_key.get(same_fault_key(m), []) if placed(m, c)]
         how = "same line"
         if not hits:
             # A line that was rewritten a little (a renamed field, one
@@ -384,6 +398,16 @@ def around(m, width=6):
     return t[max(0, c - width): c], t[c + len(m["old"]): c + len(m["old"]) + width]
 
 
+def placed(m, c):
+    """Whether candidate c can be m's line: a short line ("return 0;",
+    "if (!f)") stands in many places and counts only beside one of its
+    old neighbours (not a lone brace)."""
+    if len(m["text"].strip()) >= 20:
+        return True
+    near = {x for x in m.get("near", []) if len(x.strip("{} ;")) >= 4}
+    return bool(near & set(c["near"]))
+
+
 def similar(m, cands, least=0.8):
     """The same operator and text, with the same few characters either
     side, on the line most like m's (at least `least` alike), at the
@@ -391,7 +415,7 @@ def similar(m, cands, least=0.8):
     text = m["text"].strip()
     scored = []
     for c in cands:
-        if (c["op"], c["old"], c["new"]) != (m["op"], m["old"], m["new"]) or around(c) != around(m):
+        if (c["op"], c["old"], c["new"]) != (m["op"], m["old"], m["new"]) or around(c) != around(m) or not placed(m, c):
             continue
         r = difflib.SequenceMatcher(None, text, c["text"].strip()).ratio()
         if r >= least:
@@ -417,7 +441,7 @@ def pick(a, src):
             print(f"  gone ({m.get('verdict', '')}): " + describe(m), flush=True)
         for m in found:
             if m["how"] != "same line":
-                print(f"  on a similar line: {m['was']} -> {describe(m)}", flush=True)
+                print(f"  {m['how']}: {m['was']} -> {describe(m)}", flush=True)
         cands = found
     picked = sample(cands, a.sample, a.seed) if not a.mutants else cands
     if a.only:
