@@ -29,6 +29,12 @@ void hold_against_libconfuse(const std::string &text)
 {
 	if (text.size() > ZALK_CONFIG_MAX_SIZE || text.find('\0') != std::string::npos)
 		return;
+	// A "${" with no "}" after it is plain text, but a closing brace
+	// appended below ends it as a ${...} spanning everything between:
+	// the closers no longer ask about the same text.
+	const size_t ref = text.rfind("${");
+	if (ref != std::string::npos && text.find('}', ref) == std::string::npos)
+		return;
 	fake::write_file("/etc/zalkv2d.conf", text);
 	// Freed before the next parse: libconfuse's scanner keeps where the
 	// last text ended (inside a string) until its handle is freed.
